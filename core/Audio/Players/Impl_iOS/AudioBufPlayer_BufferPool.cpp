@@ -1,0 +1,65 @@
+// The pool of queue buffers: the producer takes a free one for each packed buffer and waits while
+// all are in the queue; played buffers come back through a task on the global work queue.
+#include <cstring>
+
+#include "Audio/Platform/Dispatch.h"
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+#include "Diagnostics/qen_log.h"
+
+// Runs on the output queue's callback thread; never blocks on playerStatusMutex.
+void AudioQueueFillBuffersCallback(void* pSelf, AudioQueueRef inAQ, AudioQueueBufferRef inBuffer) {
+  std::shared_ptr<AudioBufPlayer> player = AudioBufPlayer::fromClientData(pSelf);
+  if (!player) return;
+  dispatch_async(dispatch_get_global_queue(0, 0), [player, inAQ, inBuffer] {
+    std::lock_guard lock(player->playerStatusMutex);
+    player->AudioQueue_releasedBuffer(inAQ, inBuffer);
+  });
+  player->outputPlayProgress(inAQ);
+}
+
+void AudioBufPlayer::enqueData(std::span<const uint8_t> audioData, const AudioStreamPacketDescription* withDescriptions,
+                               uint32_t packetNumber) {
+  size_t slot = kNumberOfBuffers;
+  for (;;) {
+    while (hasStatus(PS_WAITING_FOR_BUFFER) && hasStatus(PS_ACTIVE)) waitForStatusChange();
+    if (!hasStatus(PS_ACTIVE) || !audioQueue) return;
+    for (size_t i = 0; i < kNumberOfBuffers; ++i) {
+      if (FreeAudioQueueBuffers[i]) {
+        slot = i;
+        break;
+      }
+    }
+    if (slot < kNumberOfBuffers) break;
+    // Every slot is taken (failed enqueues keep theirs): wait as if the pool were known to be empty.
+    waitForStatusChange();
+  }
+  FreeAudioQueueBuffers[slot] = false;
+  size_t stillFree = 0;
+  for (size_t i = slot + 1; i < kNumberOfBuffers; ++i) stillFree += FreeAudioQueueBuffers[i];
+  if (stillFree == 0) {
+    setStatus(PS_WAITING_FOR_BUFFER);
+    broadcastStatusChange();
+  }
+
+  AudioQueueBufferRef buffer = audioQueueBuffer[slot];
+  std::memcpy(buffer->mAudioData, audioData.data(), audioData.size());
+  buffer->mAudioDataByteSize = uint32_t(audioData.size());
+  const OSStatus status = AudioQueueEnqueueBuffer(audioQueue, buffer, packetNumber, withDescriptions);
+  if (status != noErr) {
+    LOG_ERROR("AudioQueue enque audio errored error: %d (%s)", int(status), FourCCText(status).data());
+    notifyDelegateOfPlatformError(AudioBufPlayerError_QUEUE_FAIL, "AudioQueueEnqueueBuffer", status);
+    return;
+  }
+  beginPlaying();
+}
+
+void AudioBufPlayer::AudioQueue_releasedBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer) {
+  if (inAQ != audioQueue) return;
+  for (size_t i = 0; i < kNumberOfBuffers; ++i) {
+    if (audioQueueBuffer[i] == inBuffer) {
+      FreeAudioQueueBuffers[i] = true;
+      clearStatus(PS_WAITING_FOR_BUFFER);
+    }
+  }
+  broadcastStatusChange();
+}

@@ -1,0 +1,48 @@
+// Keeps the output queue's pause state in step with the two reasons to pause: the client's pause
+// (PS_USER_PAUSED) and the system's hold (PS_INTERRUPTED). Caller holds playerStatusMutex.
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+#include "Diagnostics/qen_log.h"
+
+void AudioBufPlayer::pauseIfNeeded() {
+  const uint16_t status = playerStatus.load();
+  LOG_TRACE("pauseIfNeeded: actuallyPaused = %d, (isPaused = %d, interrupt = %d)", status & PS_QUEUE_PAUSED,
+            status & PS_USER_PAUSED, status & PS_INTERRUPTED);
+  if ((status & PS_QUEUE_PAUSED) || !(status & (PS_USER_PAUSED | PS_INTERRUPTED))) return;
+  // Before the format is known there is no queue: the producer's wait before the first start holds
+  // playback instead.
+  if (!audioQueue) return;
+  const OSStatus paused = AudioQueuePause(audioQueue);
+  LOG_TRACE("Queue pause: %d", int(paused));
+  setStatus(PS_QUEUE_PAUSED);
+  broadcastStatusChange();
+}
+
+void AudioBufPlayer::resumeIfNeeded() {
+  const uint16_t status = playerStatus.load();
+  LOG_TRACE("resumeIfNeeded: actuallyPaused = %d, (isPaused = %d, interruptionPaused = %d)",
+            status & PS_QUEUE_PAUSED, status & PS_USER_PAUSED, status & PS_INTERRUPTED);
+  if ((status & PS_QUEUE_PAUSED) && !(status & (PS_USER_PAUSED | PS_INTERRUPTED))) {
+    if (!audioQueue) {
+      // The queue that was paused is gone; nothing is left to restart.
+      clearStatus(PS_QUEUE_PAUSED);
+    } else if (const OSStatus started = AudioQueueStart(audioQueue, nullptr); started != noErr) {
+      setOrResetAVSession(true);
+      LOG_ERROR("AudioQueue start errored error: %d (%s)", int(started), FourCCText(started).data());
+      if (started == kAudioSessionErr_Interrupted) {
+        LOG_ERROR("Can't resume while audio is in interrupt!");
+      } else if (started == kAudioSessionErr_InBackground) {
+        LOG_ERROR("Can't switch sentence while in background!");
+      } else {
+        notifyDelegateOfPlatformError(AudioBufPlayerError_START_PLAYBACK_FAILED, "AudioQueueStart", started);
+      }
+      // The caller has cleared a reason to wait: every waiter must look at the word again.
+      broadcastStatusChange();
+      return;
+    } else {
+      clearStatus(PS_QUEUE_PAUSED);
+      broadcastStatusChange();
+      NotifyDelegate_speechPlayerDidResumed();
+    }
+  }
+  broadcastStatusChange();
+}

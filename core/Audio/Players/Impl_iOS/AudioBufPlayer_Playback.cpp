@@ -1,0 +1,93 @@
+// Starting the output queue after a request's first buffer, and following its running state to the
+// end of the sentence. The queue's callbacks only post tasks; the tasks take playerStatusMutex and
+// ignore a queue that is no longer the current one.
+#include "Audio/Platform/Dispatch.h"
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+#include "Diagnostics/qen_log.h"
+
+namespace {
+// The shared session stays active this long after a sentence, so that the next one, which usually
+// follows at once, does not pay for a deactivation and reactivation.
+constexpr double kSessionHoldAfterPlayback = 0.8;
+}  // namespace
+
+// Caller holds playerStatusMutex; may wait on the condition while a pause or interruption holds.
+void AudioBufPlayer::beginPlaying() {
+  if (hasStatus(PS_QUEUE_STARTED)) return;
+  for (;;) {
+    while (hasStatus(PS_USER_PAUSED | PS_INTERRUPTED) && hasStatus(PS_ACTIVE)) waitForStatusChange();
+    if (!hasStatus(PS_ACTIVE)) return;
+    setOrResetAVSession(false);
+    const OSStatus status = AudioQueueStart(audioQueue, nullptr);
+    if (status == noErr) break;
+
+    setOrResetAVSession(true);
+    LOG_ERROR("AudioQueue start errored error: %d (%s)", int(status), FourCCText(status).data());
+    if (status == kAudioSessionErr_Interrupted) {
+      LOG_ERROR("Can't switch sentence while audio is in interrupt!");
+      setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
+      NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_INTERRUPT);
+    } else if (status == kAudioSessionErr_InBackground) {
+      LOG_ERROR("Can't begin playback while in background!");
+      setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
+      NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_BACKGROUND);
+    } else {
+      notifyDelegateOfPlatformError(AudioBufPlayerError_START_PLAYBACK_FAILED, "AudioQueueStart", status);
+      return;
+    }
+  }
+  setStatus(PS_QUEUE_STARTED);
+  broadcastStatusChange();
+}
+
+// Runs on the output queue's callback thread; never blocks on playerStatusMutex.
+void AudioQueueIsRunningCb(void* pSelf, AudioQueueRef inAQ, AudioQueuePropertyID) {
+  std::shared_ptr<AudioBufPlayer> player = AudioBufPlayer::fromClientData(pSelf);
+  if (!player) return;
+  uint32_t running = 0;
+  uint32_t size = sizeof running;
+  const OSStatus status = AudioQueueGetProperty(inAQ, kAudioQueueProperty_IsRunning, &running, &size);
+  if (status != noErr) {
+    // Guessing the state could end a sentence that is still playing; the next change tells again.
+    LOG_DEBUG("AudioQueueGetProperty(IsRunning) returned: %d ignore change", int(status));
+    return;
+  }
+  const bool isRunning = running != 0;
+  dispatch_async(dispatch_get_global_queue(0, 0), [player, inAQ, isRunning] {
+    std::lock_guard lock(player->playerStatusMutex);
+    player->AudioQueue_newRunningState(inAQ, isRunning);
+  });
+}
+
+// Running-state task; caller holds playerStatusMutex.
+void AudioBufPlayer::AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning) {
+  while (hasStatus(PS_QUEUE_PAUSED)) waitForStatusChange();
+  if (inAQ != audioQueue) return;
+  if (isRunning) {
+    LOG_DEBUG("Audio queue started");
+    return;
+  }
+  LOG_DEBUG("Audio queue stopped");
+  dispatch_async(dispatch_get_global_queue(0, 0), [self = shared_from_this(), inAQ] {
+    std::lock_guard lock(self->playerStatusMutex);
+    self->endPlayback(inAQ);
+  });
+  broadcastStatusChange();
+}
+
+// End-of-playback task; caller holds playerStatusMutex.
+void AudioBufPlayer::endPlayback(AudioQueueRef stoppedQueue) {
+  // A new request may have replaced the queue since it stopped; that request is not finished.
+  if (stoppedQueue != audioQueue) return;
+  const bool holdSession = _AVSessionManagmentEnabled.load();
+  if (holdSession) SetAudioSessionActivationStatus(true, true);
+  resetAudioQueue();
+  setPlayerStopped();
+  NotifyDelegate_speechPlayerDidFinished();
+  if (holdSession) {
+    dispatch_async(dispatch_get_global_queue(0, 0), [self = shared_from_this()] {
+      sleepForTimeInterval(kSessionHoldAfterPlayback);
+      SetAudioSessionActivationStatus(false, self->AVSessionManagmentEnabled());
+    });
+  }
+}

@@ -1,0 +1,46 @@
+// The play position, polled once per played buffer, and the end of a sentence 0.25 s before the
+// received audio runs out. Runs on the output queue's callback thread: it never takes
+// playerStatusMutex, reads the counters through atomics and sets PS_ENDING atomically.
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+#include "Diagnostics/qen_log.h"
+
+namespace {
+// Stopping the queue this long before the received audio runs out lets it play out what it holds
+// instead of running dry in the middle of the sentence.
+constexpr double aboutToRunOutOfDataWarningLimit = 0.25;
+}  // namespace
+
+void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
+  if (!hasStatus(PS_ACTIVE)) return;
+  {
+    std::lock_guard lock(progressPollMutex);
+    if (queue != progressQueue) return;
+  }
+  AudioTimeStamp timeStamp{};
+  const OSStatus status = AudioQueueGetCurrentTime(queue, nullptr, &timeStamp, nullptr);
+  if (status != noErr) {
+    LOG_DEBUG("call AudioQueueGetCurrentTime returned: %d ignore value", int(status));
+    return;
+  }
+  const double played = timeStamp.mSampleTime / _sampleRate.load();
+  LOG_TRACE("current playtime = %f", played);
+
+  const double received = receivedAudioLength.load();
+  std::shared_ptr<AudioBufPlayerDelegate> delegate = this->delegate();
+  if (played > received - aboutToRunOutOfDataWarningLimit) {
+    LOG_DEBUG("WARN Will run out of data: played %.4f receivedAudioLength: %.4f, warn limit: %.4f", played, received,
+              aboutToRunOutOfDataWarningLimit);
+    {
+      std::lock_guard lock(progressPollMutex);
+      // The request may have ended, or another begun, since the position was read.
+      if (queue != progressQueue) return;
+      AudioQueueStop(queue, false);
+      uint16_t word = playerStatus.load();
+      while ((word & PS_ACTIVE) && !playerStatus.compare_exchange_weak(word, uint16_t(word | PS_ENDING))) {
+      }
+    }
+    broadcastStatusChange();
+    if (delegate) delegate->aboutToEnd(this);
+  }
+  if (delegate) delegate->playProgressChanged(played + reportAudioLenOffset(), this);
+}

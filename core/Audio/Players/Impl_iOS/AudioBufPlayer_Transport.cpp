@@ -1,0 +1,39 @@
+// Volume, pause, resume, start and stop. Each takes playerStatusMutex for its whole run.
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+
+void AudioBufPlayer::setVolume(float volume) {
+  std::lock_guard lock(playerStatusMutex);
+  _volume.store(volume);
+  if (audioQueue) AudioQueueSetParameter(audioQueue, kAudioQueueParam_Volume, this->volume());
+}
+
+void AudioBufPlayer::pause() {
+  std::lock_guard lock(playerStatusMutex);
+  setStatus(PS_USER_PAUSED);
+  if (hasStatus(PS_ACTIVE)) pauseIfNeeded();
+  NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_USER);
+}
+
+void AudioBufPlayer::resume() {
+  std::lock_guard lock(playerStatusMutex);
+  if (hasStatus(PS_ACTIVE)) {
+    clearStatus(PS_USER_PAUSED | PS_INTERRUPTED);
+    resumeIfNeeded();
+  } else if (hasStatus(PS_USER_PAUSED)) {
+    clearStatus(PS_USER_PAUSED);
+    NotifyDelegate_speechPlayerDidResumed();
+  }
+}
+
+void AudioBufPlayer::start() {
+  std::lock_guard lock(playerStatusMutex);
+  clearStatus(PS_STOPPED);
+  broadcastStatusChange();
+}
+
+void AudioBufPlayer::stop() {
+  std::lock_guard lock(playerStatusMutex);
+  resetAudioQueue();
+  setPlayerStopped();
+  setStatus(PS_STOPPED);
+}
