@@ -257,6 +257,7 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
 
   std::recursive_mutex objectLock;
 
-  // Process-wide session uses, guarded by the class-wide lock.
+  // Process-wide session uses, guarded by classLock(), the innermost lock of the system.
+  static std::recursive_mutex& classLock();
   static int32_t audioSessionUsageCount;
 };

@@ -13,12 +13,10 @@
 
 int32_t AudioBufPlayer::audioSessionUsageCount = 0;
 
-namespace {
-std::recursive_mutex& classLock() {
+std::recursive_mutex& AudioBufPlayer::classLock() {
   static std::recursive_mutex* const lock = new std::recursive_mutex;
   return *lock;
 }
-}  // namespace
 
 // Any thread; takes only the class-wide lock.
 void AudioBufPlayer::SetAudioSessionActivationStatus(bool activate, bool isManagementEnabled) {

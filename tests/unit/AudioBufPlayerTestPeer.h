@@ -1,0 +1,72 @@
+// Lets the player's unit tests read its private state and call its internal operations the way
+// the player itself does (with playerStatusMutex held where the operation expects it).
+#pragma once
+
+#include <functional>
+
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+
+class AudioBufPlayerTestPeer {
+ public:
+  explicit AudioBufPlayerTestPeer(AudioBufPlayer& player) : p_(player) {}
+  explicit AudioBufPlayerTestPeer(const std::shared_ptr<AudioBufPlayer>& player) : p_(*player) {}
+
+  uint16_t status() const { return p_.playerStatus.load(); }
+  void setStatus(uint16_t word) {
+    std::lock_guard lock(p_.playerStatusMutex);
+    p_.playerStatus.store(word);
+    p_.broadcastStatusChange();
+  }
+  // Runs an internal operation as the player does: with playerStatusMutex held.
+  void locked(const std::function<void(AudioBufPlayer&)>& operation) {
+    std::lock_guard lock(p_.playerStatusMutex);
+    operation(p_);
+  }
+
+  static int32_t sessionUsageCount() {
+    std::lock_guard lock(AudioBufPlayer::classLock());
+    return AudioBufPlayer::audioSessionUsageCount;
+  }
+
+  // Internal operations, each with the mutex held.
+  void setPlayerStopped() { locked([](AudioBufPlayer& p) { p.setPlayerStopped(); }); }
+  void resetAudioQueue() { locked([](AudioBufPlayer& p) { p.resetAudioQueue(); }); }
+  void pauseIfNeeded() { locked([](AudioBufPlayer& p) { p.pauseIfNeeded(); }); }
+  void resumeIfNeeded() { locked([](AudioBufPlayer& p) { p.resumeIfNeeded(); }); }
+  OSStatus openAudioQueue(const AudioStreamBasicDescription& description) {
+    OSStatus status = 0;
+    locked([&](AudioBufPlayer& p) { status = p.openAudioQueueWithDescription(description); });
+    return status;
+  }
+  void enqueue(std::span<const uint8_t> bytes, const AudioStreamPacketDescription* descriptions = nullptr,
+               uint32_t packets = 0) {
+    locked([&](AudioBufPlayer& p) { p.enqueData(bytes, descriptions, packets); });
+  }
+  void setOrResetAVSession(bool reset) { p_.setOrResetAVSession(reset); }
+  void notifyDelegateOfError(AudioBufPlayerError error, const std::string& description) {
+    p_.notifyDelegateOfError(error, description);
+  }
+  void notifyPaused(AudioBufPlayerPauseSource source) { p_.NotifyDelegate_speechPlayerDidPaused(source); }
+  void notifyResumed() { p_.NotifyDelegate_speechPlayerDidResumed(); }
+  void notifyFinished() { p_.NotifyDelegate_speechPlayerDidFinished(); }
+
+  // Fields.
+  AudioQueueRef audioQueue() const { return p_.audioQueue; }
+  AudioFileStreamID audioFileStream() const { return p_.audioFileStream; }
+  std::array<bool, AudioBufPlayer::kNumberOfBuffers> freeBuffers() const { return p_.FreeAudioQueueBuffers; }
+  std::array<AudioQueueBufferRef, AudioBufPlayer::kNumberOfBuffers> buffers() const { return p_.audioQueueBuffer; }
+  size_t stagingCapacity() const { return p_.tmpAudioBuffer.capacity(); }
+  uint32_t descIndex() const { return p_.descIndex; }
+  uint64_t receivedSamples() const { return p_.receivedSamples.load(); }
+  double receivedAudioLength() const { return p_.receivedAudioLength.load(); }
+  double sampleRate() const { return p_._sampleRate.load(); }
+  uint64_t samplesPerPacket() const { return p_.SamplesPerPacket; }
+  QEN_TTS::Audio::AudioPlayerAudioFormats currentFormat() const { return p_._currentFormat; }
+  bool isListeningInterruptions() {
+    std::lock_guard lock(p_.objectLock);
+    return p_.isListeningInterruptions;
+  }
+
+ private:
+  AudioBufPlayer& p_;
+};

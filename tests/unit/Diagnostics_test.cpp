@@ -1,0 +1,90 @@
+// Plan: the log line's exact shape, the level gate (including that nothing is evaluated when the
+// gate says no), and FourCCText for printable, zero and non-printable codes.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "Diagnostics/qen_log.h"
+
+namespace {
+
+class LogLevelScope {
+ public:
+  explicit LogLevelScope(int level) : saved_(QEN_TTS::log_level()) { QEN_TTS::set_log_level(level); }
+  ~LogLevelScope() { QEN_TTS::set_log_level(saved_); }
+
+ private:
+  int saved_;
+};
+
+int evaluations = 0;
+int counted(int value) {
+  ++evaluations;
+  return value;
+}
+
+TEST(DiagnosticLog, LineHasTimeLevelShortFileAndLine) {
+  LogLevelScope scope(QEN_TTS::QEN_LOG_LEVEL_TRACE);
+  testing::internal::CaptureStderr();
+  const int line = __LINE__ + 1;
+  LOG_DEBUG("Stream type %s", "MP3");
+  const std::string written = testing::internal::GetCapturedStderr();
+  const std::regex shape(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z \[DEBUG\]\[Diagnostics_test\.cpp:(\d+)\]Stream type MP3\n$)");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(written, match, shape)) << written;
+  EXPECT_EQ(std::stoi(match[1]), line);
+}
+
+TEST(DiagnosticLog, MessageEndingInNewlineEndsTheLineWithTwo) {
+  LogLevelScope scope(QEN_TTS::QEN_LOG_LEVEL_TRACE);
+  testing::internal::CaptureStderr();
+  LOG_DEBUG("found property '%c%c%c%c'\n", 'r', 'e', 'd', 'y');
+  const std::string written = testing::internal::GetCapturedStderr();
+  EXPECT_NE(written.find("]found property 'redy'\n\n"), std::string::npos) << written;
+}
+
+TEST(DiagnosticLog, GateWritesOnlyEnabledLevelsAndEvaluatesNothingElse) {
+  struct Case {
+    int enabled;
+    bool error, debug, trace;
+  };
+  for (const Case c : {Case{QEN_TTS::QEN_LOG_LEVEL_ERROR, true, false, false},
+                       Case{QEN_TTS::QEN_LOG_LEVEL_DEBUG, true, true, false},
+                       Case{QEN_TTS::QEN_LOG_LEVEL_TRACE, true, true, true}, Case{0, false, false, false}}) {
+    LogLevelScope scope(c.enabled);
+    evaluations = 0;
+    testing::internal::CaptureStderr();
+    LOG_ERROR("e%d", counted(1));
+    LOG_DEBUG("d%d", counted(2));
+    LOG_TRACE("t%d", counted(3));
+    const std::string written = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(written.find("[ERROR]") != std::string::npos, c.error) << c.enabled;
+    EXPECT_EQ(written.find("[DEBUG]") != std::string::npos, c.debug) << c.enabled;
+    EXPECT_EQ(written.find("[TRACE]") != std::string::npos, c.trace) << c.enabled;
+    EXPECT_EQ(evaluations, int(c.error) + int(c.debug) + int(c.trace)) << c.enabled;
+  }
+}
+
+TEST(DiagnosticLog, DefaultLevelIsError) {
+  EXPECT_TRUE(QEN_TTS::can_log(QEN_TTS::QEN_LOG_LEVEL_ERROR));
+  EXPECT_FALSE(QEN_TTS::can_log(QEN_TTS::QEN_LOG_LEVEL_DEBUG));
+}
+
+TEST(DiagnosticLog, FileNameLosesItsDirectories) {
+  EXPECT_STREQ(QEN_TTS::get_file_name("/a/b/AudioBufPlayer.cpp"), "AudioBufPlayer.cpp");
+  EXPECT_STREQ(QEN_TTS::get_file_name("plain.cpp"), "plain.cpp");
+}
+
+TEST(FourCCText, TakesBytesMostSignificantFirstAsTheyAre) {
+  struct Case {
+    int32_t status;
+    std::array<char, 5> text;
+  };
+  for (const Case c : {Case{0x21696E74, {'!', 'i', 'n', 't', 0}}, Case{0, {0, 0, 0, 0, 0}},
+                       Case{-50, {'\xff', '\xff', '\xff', '\xce', 0}}, Case{0x01020304, {1, 2, 3, 4, 0}}}) {
+    EXPECT_EQ(FourCCText(c.status), c.text) << c.status;
+  }
+  EXPECT_STREQ(FourCCText(0x21706C61).data(), "!pla");
+}
+
+}  // namespace
