@@ -40,8 +40,8 @@ struct Mp3StreamParser::Unit {
   bool newSync = false;     // Frame: confirmed by the next header rather than by the lock
 };
 
-Mp3StreamParser::Mp3StreamParser(AudioFileStreamID id, void* clientData,
-                                 AudioFileStream_PropertyListenerProc listener, AudioFileStream_PacketsProc packets)
+Mp3StreamParser::Mp3StreamParser(AudioFileStreamID id, void* clientData, AudioFileStream_PropertyListenerProc listener,
+                                 AudioFileStream_PacketsProc packets)
     : id_(id), clientData_(clientData), listener_(listener), packets_(packets) {}
 
 OSStatus Mp3StreamParser::Parse(const uint8_t* data, size_t size) {

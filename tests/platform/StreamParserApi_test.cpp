@@ -1,0 +1,379 @@
+// Plan: the AudioFileStream calls as a player uses them, on streams assembled from corpus frames.
+// - Streams with tags, junk and format changes in chosen places: which frames come out, which formats
+//   are reported, and where the stream fails (the 4 KiB junk limit, exactly), fed whole and one byte
+//   at a time; random mixtures of such pieces give the same packets whatever the chunking.
+// - Handles: closed, unknown and null handles fail with a status; handles are never reused.
+// - Properties: read before and after the format is known, with wrong sizes and unknown ids.
+// - Callbacks: frames of one call come together and in place, at most 512 per callback; feeding or
+//   closing a parser from inside its own callback is refused or safe.
+// - Threads: parsers on separate threads share only the handle registry (meant for TSan runs).
+// Not here: the corpus files themselves (StreamParserCorpus_test.cpp).
+#include <algorithm>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "platform/StreamParserTestSupport.h"
+
+namespace stream_parser_test {
+namespace {
+
+// 98 frames, MPEG-2 16 kHz mono, no Info frame.
+const char* const k16kMono = "order_m2_16k_cbr48_lame_noinfo.mp3";
+// MPEG-2 24 kHz mono (its Info frame is left out).
+const char* const k24kMono = "turn_m2_24k_vbr_lame_xing.mp3";
+// MPEG-1 44.1 kHz stereo (its Info frame is left out).
+const char* const k44kStereo = "hold_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3";
+
+// The audio frames [first, first + count) of a corpus file.
+std::vector<Bytes> Frames(const std::string& file, size_t first, size_t count) {
+  std::vector<CorpusFrame> frames = AudioFrames(file);
+  frames = std::vector<CorpusFrame>(frames.begin() + first, frames.begin() + first + count);
+  return FrameBytes(ReadCorpusFile(file), frames);
+}
+
+Bytes Join(const std::vector<Bytes>& parts) {
+  Bytes joined;
+  for (const Bytes& part : parts) {
+    joined.insert(joined.end(), part.begin(), part.end());
+  }
+  return joined;
+}
+
+std::vector<Bytes> Concat(std::vector<Bytes> a, const std::vector<Bytes>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// An ID3v2 tag of the given version and flags around body.
+Bytes Id3v2(uint8_t major, uint8_t flags, const Bytes& body) {
+  const auto size = uint32_t(body.size());
+  Bytes tag = {'I',
+               'D',
+               '3',
+               major,
+               0,
+               flags,
+               uint8_t(size >> 21 & 0x7F),
+               uint8_t(size >> 14 & 0x7F),
+               uint8_t(size >> 7 & 0x7F),
+               uint8_t(size & 0x7F)};
+  tag.insert(tag.end(), body.begin(), body.end());
+  if (major == 4 && (flags & 0x10) != 0) {
+    tag.insert(tag.end(), {'3', 'D', 'I', major, 0, flags, tag[6], tag[7], tag[8], tag[9]});
+  }
+  return tag;
+}
+
+// An APEv2 tag with header and footer around body.
+Bytes Ape(const Bytes& body) {
+  const auto frame = [&](uint32_t flags) {
+    Bytes out = {'A', 'P', 'E', 'T', 'A', 'G', 'E', 'X'};
+    for (uint32_t value : {2000u, uint32_t(body.size() + 32), 1u, flags, 0u, 0u}) {
+      out.insert(out.end(), {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)});
+    }
+    return out;
+  };
+  return Join({frame(1u << 31 | 1u << 29), body, frame(1u << 31)});
+}
+
+Bytes Zeros(size_t count) { return Bytes(count, 0); }
+
+// Junk with a 16 kHz frame header every 50 bytes (not at its start, where a locked parser would take
+// it for the next frame), none of them confirmed by a header one frame on:
+// each keeps the parser looking ahead while it searches through them.
+Bytes FalseSyncs(size_t count) {
+  const uint8_t header[4] = {0xFF, 0xF3, 0x68, 0xC4};
+  Bytes junk(count, 0);
+  for (size_t at = 25; at + 4 <= count; at += 50) {
+    std::copy(header, header + 4, junk.begin() + at);
+  }
+  return junk;
+}
+
+ReportedFormat Format(size_t packetsBefore, double rate, uint32_t channels, uint32_t framesPerPacket) {
+  return {packetsBefore, rate, channels, framesPerPacket};
+}
+
+struct StreamCase {
+  const char* what;
+  Bytes stream;
+  std::vector<Bytes> packets;
+  std::vector<ReportedFormat> formats;
+  bool fails;
+};
+
+std::vector<StreamCase> StreamCases() {
+  const std::vector<Bytes> a = Frames(k16kMono, 0, 10);
+  const std::vector<Bytes> b = Frames(k16kMono, 10, 10);
+  const std::vector<Bytes> other = Frames(k24kMono, 0, 10);
+  const std::vector<Bytes> stereo = Frames(k44kStereo, 0, 10);
+  const ReportedFormat mono16k = Format(0, 16000, 1, 576);
+  return {
+      {"4096 bytes of junk before the first frame", Join({Zeros(4096), Join(a)}), a, {mono16k}, false},
+      {"4097 bytes of junk before the first frame", Join({Zeros(4097), Join(a)}), {}, {}, true},
+      {"a tag, then 4096 bytes of junk", Join({Id3v2(3, 0, Zeros(5000)), Zeros(4096), Join(a)}), a, {mono16k}, false},
+      {"an ID3v2.4 tag with a footer, then 4096 bytes of junk",
+       Join({Id3v2(4, 0x10, Zeros(100)), Zeros(4096), Join(a)}),
+       a,
+       {mono16k},
+       false},
+      {"an ID3v2.3 tag, whose footer flag means nothing",
+       Join({Id3v2(3, 0x10, Zeros(100)), Join(a)}),
+       a,
+       {mono16k},
+       false},
+      {"tags full of 24 kHz frames before, between and after the frames",
+       Join({Ape(Join(other)), Join(a), Id3v2(3, 0, Join(other)), Join(b), Ape(Join(other))}),
+       Concat(a, b),
+       {mono16k},
+       false},
+      {"junk between frames after the first", Join({Join(a), Zeros(10000), Join(b)}), Concat(a, b), {mono16k}, false},
+      {"false syncs packed in the junk between frames",
+       Join({Join(a), FalseSyncs(10000), Join(b)}),
+       Concat(a, b),
+       {mono16k},
+       false},
+      {"a lone false sync before the first frame",
+       Join({Zeros(100), other[0], Zeros(100), Join(a)}),
+       a,
+       {mono16k},
+       false},
+      {"a lone frame of another rate between frames",
+       Join({Join(a), other[0], Join(b)}),
+       Concat(a, b),
+       {mono16k},
+       false},
+      {"a change of rate and channel count",
+       Join({Join(a), Join(stereo)}),
+       Concat(a, stereo),
+       {mono16k, Format(10, 44100, 2, 1152)},
+       false},
+      {"a change of format back and forth",
+       Join({Join(a), Join(other), Join(b)}),
+       Concat(Concat(a, other), b),
+       {mono16k, Format(10, 24000, 1, 576), Format(20, 16000, 1, 576)},
+       false},
+  };
+}
+
+TEST(StreamParserApi, FindsFramesAmongTagsJunkAndFormatChanges) {
+  for (const StreamCase& example : StreamCases()) {
+    for (const size_t chunk : {example.stream.size(), size_t(1)}) {
+      SCOPED_TRACE(std::string(example.what) + (chunk == 1 ? ", one byte at a time" : ", whole"));
+      const ParsedStream parsed = ParseInChunks(example.stream, [&] { return chunk; });
+      EXPECT_EQ(std::vector<std::string>{}, parsed.faults);
+      EXPECT_EQ(example.packets.size(), parsed.packets.size());
+      EXPECT_TRUE(example.packets == parsed.packets);
+      EXPECT_EQ(example.formats, parsed.formats);
+      EXPECT_EQ(example.fails, parsed.Failed());
+    }
+  }
+}
+
+// Random mixtures of frame runs, false syncs, tags and format changes: whatever the parser makes of
+// them, it makes the same of every chunking. Catches state that leaks across chunk boundaries in
+// places the hand-made streams above do not reach.
+TEST(StreamParserApi, RandomMixturesParseTheSameWhateverTheChunking) {
+  const std::vector<Bytes> frames16k = Frames(k16kMono, 0, 98);
+  const std::vector<Bytes> frames24k = Frames(k24kMono, 0, 50);
+  for (unsigned seed = 1; seed <= 40; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto pick = [&](size_t below) { return std::uniform_int_distribution<size_t>(0, below - 1)(random); };
+    std::vector<Bytes> pieces;
+    for (int piece = 0; piece < 12; ++piece) {
+      const std::vector<Bytes>& run = pick(3) == 0 ? frames24k : frames16k;
+      const size_t first = pick(run.size() / 2);
+      switch (pick(4)) {
+        case 0:
+          pieces.push_back(FalseSyncs(1 + pick(3000)));
+          break;
+        case 1:
+          pieces.push_back(Id3v2(3, 0, FalseSyncs(pick(2000))));
+          break;
+        default:
+          pieces.emplace_back(Join(std::vector<Bytes>(run.begin() + first, run.begin() + first + 1 + pick(20))));
+      }
+    }
+    const Bytes stream = Join(pieces);
+    const ParsedStream whole = ParseWhole(stream);
+    for (const size_t largest : {size_t(1), size_t(7), size_t(3000)}) {
+      std::uniform_int_distribution<size_t> sizes(1, largest);
+      const ParsedStream chunked = ParseInChunks(stream, [&] { return sizes(random); });
+      EXPECT_EQ(std::vector<std::string>{}, chunked.faults);
+      EXPECT_TRUE(whole.packets == chunked.packets) << "chunks of 1.." << largest;
+      EXPECT_EQ(whole.formats, chunked.formats) << "chunks of 1.." << largest;
+    }
+  }
+}
+
+TEST(StreamParserApi, AFailedStreamRefusesEveryLaterByte) {
+  ParserRecorder recorder;
+  const Bytes junk = Zeros(5000);
+  const Bytes frames = Join(Frames(k16kMono, 0, 10));
+  EXPECT_EQ(kAudioFileStreamError_InvalidFile, recorder.Feed(junk, 0, junk.size()));
+  EXPECT_EQ(kAudioFileStreamError_InvalidFile, recorder.Feed(frames, 0, frames.size()));
+  EXPECT_EQ(kAudioFileStreamError_InvalidFile, recorder.Feed(frames, 0, 0));
+  EXPECT_TRUE(recorder.parsed().packets.empty());
+  EXPECT_TRUE(recorder.parsed().formats.empty());
+}
+
+TEST(StreamParserApi, FramesOfOneCallComeTogetherInPlaceAtMost512PerCallback) {
+  std::vector<Bytes> frames;
+  for (int copy = 0; copy < 6; ++copy) {
+    frames = Concat(frames, Frames(k16kMono, 0, 98));
+  }
+  const ParsedStream parsed = ParseWhole(Join(frames));
+
+  EXPECT_EQ(588u, parsed.packets.size());
+  EXPECT_EQ(2u, parsed.packetCallbacks);
+  EXPECT_EQ(0, std::count(parsed.offsets.begin(), parsed.offsets.end(), ParsedStream::kNotInPlace));
+}
+
+TEST(StreamParserApi, ClosedUnknownAndNullHandlesFailWithAStatus) {
+  ParserRecorder open;  // a live parser beside them must not be mistaken for them
+  AudioFileStreamID closed = nullptr;
+  ASSERT_EQ(noErr, AudioFileStreamOpen(
+                       nullptr, [](void*, AudioFileStreamID, AudioFileStreamPropertyID, uint32_t*) {},
+                       [](void*, uint32_t, uint32_t, const void*, AudioStreamPacketDescription*) {}, 0, &closed));
+  ASSERT_EQ(noErr, AudioFileStreamClose(closed));
+  const auto madeUp = reinterpret_cast<AudioFileStreamID>(uintptr_t(0x7FFF'FFFF'0000'0001));
+
+  for (const AudioFileStreamID handle : {closed, madeUp, AudioFileStreamID(nullptr)}) {
+    const uint8_t byte = 0xFF;
+    AudioStreamBasicDescription format{};
+    uint32_t size = sizeof format;
+    EXPECT_EQ(kAudioFileStreamError_InvalidStream, AudioFileStreamParseBytes(handle, 1, &byte, 0));
+    EXPECT_EQ(kAudioFileStreamError_InvalidStream,
+              AudioFileStreamGetProperty(handle, kAudioFileStreamProperty_DataFormat, &size, &format));
+    EXPECT_EQ(kAudioFileStreamError_InvalidStream, AudioFileStreamClose(handle));
+  }
+}
+
+TEST(StreamParserApi, ParsersOnSeparateThreadsAreIndependent) {
+  const Bytes stream = Join(Frames(k16kMono, 0, 98));
+  const ParsedStream whole = ParseWhole(stream);
+  std::vector<ParsedStream> results(4);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < results.size(); ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 20; ++round) {
+        results[i] = ParseInChunks(stream, [&] { return i + 1; });
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const ParsedStream& result : results) {
+    EXPECT_TRUE(whole.packets == result.packets);
+  }
+}
+
+TEST(StreamParserApi, HandlesAreNeverReused) {
+  std::set<AudioFileStreamID> seen;
+  for (int i = 0; i < 1000; ++i) {
+    ParserRecorder recorder;
+    EXPECT_TRUE(seen.insert(recorder.stream()).second);
+  }
+}
+
+TEST(StreamParserApi, OpenRefusesNullArgumentsAndOtherFileTypes) {
+  const AudioFileStream_PropertyListenerProc listener = [](void*, AudioFileStreamID, AudioFileStreamPropertyID,
+                                                           uint32_t*) {};
+  const AudioFileStream_PacketsProc packets = [](void*, uint32_t, uint32_t, const void*,
+                                                 AudioStreamPacketDescription*) {};
+  AudioFileStreamID stream = nullptr;
+  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamOpen(nullptr, nullptr, packets, 0, &stream));
+  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamOpen(nullptr, listener, nullptr, 0, &stream));
+  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamOpen(nullptr, listener, packets, 0, nullptr));
+  EXPECT_EQ(kAudioFileStreamError_UnsupportedFileType,
+            AudioFileStreamOpen(nullptr, listener, packets, FourCC("WAVE"), &stream));
+  EXPECT_EQ(nullptr, stream);
+}
+
+TEST(StreamParserApi, NullBytesAreRefusedUnlessThereAreNone) {
+  ParserRecorder recorder;
+  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamParseBytes(recorder.stream(), 1, nullptr, 0));
+  EXPECT_EQ(noErr, AudioFileStreamParseBytes(recorder.stream(), 0, nullptr, 0));
+}
+
+TEST(StreamParserApi, PropertiesAreReadableOnceKnownAndRefusedOtherwise) {
+  ParserRecorder recorder;
+  const AudioFileStreamID stream = recorder.stream();
+  AudioStreamBasicDescription format{};
+  uint32_t ready = 7;
+  uint32_t size = sizeof format;
+  EXPECT_EQ(kAudioFileStreamError_DataUnavailable,
+            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
+  size = sizeof ready;
+  EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &size, &ready));
+  EXPECT_EQ(0u, ready);
+
+  const Bytes frames = Join(Frames(k16kMono, 0, 3));
+  ASSERT_EQ(noErr, recorder.Feed(frames, 0, frames.size()));
+  size = sizeof ready;
+  EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &size, &ready));
+  EXPECT_EQ(1u, ready);
+  size = sizeof format + 8;
+  EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
+  EXPECT_EQ(sizeof format, size);
+  EXPECT_EQ(16000.0, format.mSampleRate);
+
+  size = sizeof format - 1;
+  EXPECT_EQ(kAudioFileStreamError_BadPropertySize,
+            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
+  size = sizeof ready - 1;
+  EXPECT_EQ(kAudioFileStreamError_BadPropertySize,
+            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &size, &ready));
+  size = sizeof format;
+  EXPECT_EQ(kAudioFileStreamError_UnsupportedProperty,
+            AudioFileStreamGetProperty(stream, FourCC("dunk"), &size, &format));
+  EXPECT_EQ(kAudioFileStreamError_IllegalOperation,
+            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, nullptr, &format));
+  EXPECT_EQ(kAudioFileStreamError_IllegalOperation,
+            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, nullptr));
+}
+
+TEST(StreamParserApi, FeedingFromInsideACallbackIsRefusedAndChangesNothing) {
+  const Bytes stream = Join(Frames(k16kMono, 0, 20));
+  ParserRecorder recorder;
+  std::vector<OSStatus> nested;
+  const auto feedAgain = [&] {
+    nested.push_back(AudioFileStreamParseBytes(recorder.stream(), uint32_t(stream.size()), stream.data(), 0));
+  };
+  recorder.onProperty = [&](AudioFileStreamPropertyID) { feedAgain(); };
+  recorder.onPackets = feedAgain;
+  recorder.FeedAll(stream, [] { return 1000; });
+
+  EXPECT_FALSE(nested.empty());
+  EXPECT_EQ(std::vector<OSStatus>(nested.size(), kAudioFileStreamError_IllegalOperation), nested);
+  EXPECT_TRUE(Frames(k16kMono, 0, 20) == recorder.parsed().packets);
+}
+
+TEST(StreamParserApi, ClosingFromInsideACallbackIsSafe) {
+  struct Client {
+    AudioFileStreamID stream = nullptr;
+    OSStatus closeStatus = -1;
+    int packetCallbacks = 0;
+  } client;
+  const auto closeOnPackets = [](void* data, uint32_t, uint32_t, const void*, AudioStreamPacketDescription*) {
+    auto& self = *static_cast<Client*>(data);
+    if (self.packetCallbacks++ == 0) {
+      self.closeStatus = AudioFileStreamClose(self.stream);
+    }
+  };
+  ASSERT_EQ(noErr, AudioFileStreamOpen(
+                       &client, [](void*, AudioFileStreamID, AudioFileStreamPropertyID, uint32_t*) {}, closeOnPackets,
+                       0, &client.stream));
+  const Bytes stream = Join(Frames(k16kMono, 0, 20));
+
+  EXPECT_EQ(noErr, AudioFileStreamParseBytes(client.stream, uint32_t(stream.size()), stream.data(), 0));
+  EXPECT_EQ(noErr, client.closeStatus);
+  EXPECT_EQ(kAudioFileStreamError_InvalidStream,
+            AudioFileStreamParseBytes(client.stream, uint32_t(stream.size()), stream.data(), 0));
+}
+
+}  // namespace
+}  // namespace stream_parser_test

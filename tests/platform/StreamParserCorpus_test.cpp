@@ -1,0 +1,174 @@
+// Plan: the real parser over every MP3 of the shared corpus, read through MANIFEST.tsv at run time.
+// - Good files: the packets are exactly the frames of <name>.frames.tsv (offsets, sizes, bytes) but a
+//   leading Xing/Info frame, their number is the manifest's frame count, and the format is reported
+//   before the first packet and again where the rate changes.
+// - Every file, damaged ones included: the same packets and format reports whatever the chunking.
+// - Damaged files end as the manifest's "expected" column says.
+// Not here: memory use (a bogus tag size must not allocate; benchmarks and ASan runs watch that).
+#include <random>
+
+#include "platform/StreamParserTestSupport.h"
+
+namespace stream_parser_test {
+namespace {
+
+struct ManifestMp3 {
+  std::string file;
+  std::string frames;  // the manifest's frame count, "-" when none applies
+  bool damaged;
+};
+
+void PrintTo(const ManifestMp3& file, std::ostream* out) { *out << file.file; }
+
+std::vector<ManifestMp3> ManifestMp3s(bool includeDamaged) {
+  std::vector<ManifestMp3> files;
+  for (const auto& row : ReadTsv("MANIFEST.tsv")) {
+    const std::string& file = row.at("file");
+    const bool damaged = file.rfind("bad_", 0) == 0;
+    if (file.size() > 4 && file.substr(file.size() - 4) == ".mp3" && (includeDamaged || !damaged)) {
+      files.push_back({file, row.at("frames"), damaged});
+    }
+  }
+  return files;
+}
+
+std::string TestName(const testing::TestParamInfo<ManifestMp3>& info) {
+  std::string name = info.param.file.substr(0, info.param.file.size() - 4);
+  for (char& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) {
+      c = '_';
+    }
+  }
+  return name;
+}
+
+// The format reports a player must see: before the first packet, and before every packet whose
+// rate or channel count differs from the one before it.
+std::vector<ReportedFormat> ExpectedFormats(const std::vector<CorpusFrame>& frames) {
+  std::vector<ReportedFormat> formats;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const CorpusFrame& frame = frames[i];
+    if (i == 0 || frame.rate != frames[i - 1].rate || frame.channels != frames[i - 1].channels) {
+      formats.push_back({i, double(frame.rate), frame.channels, frame.mpeg == 1 ? 1152u : 576u});
+    }
+  }
+  return formats;
+}
+
+class GoodCorpusFile : public testing::TestWithParam<ManifestMp3> {};
+
+TEST_P(GoodCorpusFile, DeliversEveryAudioFrameInPlaceAndNothingElse) {
+  const Bytes file = ReadCorpusFile(GetParam().file);
+  const std::vector<CorpusFrame> frames = AudioFrames(GetParam().file);
+  const ParsedStream parsed = ParseWhole(file);
+
+  EXPECT_EQ(std::vector<std::string>{}, parsed.faults);
+  EXPECT_FALSE(parsed.Failed());
+  EXPECT_EQ(GetParam().frames, std::to_string(parsed.packets.size()));
+  std::vector<int64_t> offsets;
+  for (const CorpusFrame& frame : frames) {
+    offsets.push_back(int64_t(frame.offset));
+  }
+  EXPECT_EQ(offsets, parsed.offsets);
+  EXPECT_TRUE(FrameBytes(file, frames) == parsed.packets);
+}
+
+TEST_P(GoodCorpusFile, ReportsTheFormatBeforeThePacketsOfEachRate) {
+  const Bytes file = ReadCorpusFile(GetParam().file);
+  const std::vector<CorpusFrame> frames = AudioFrames(GetParam().file);
+
+  EXPECT_EQ(ExpectedFormats(frames), ParseWhole(file).formats);
+}
+
+INSTANTIATE_TEST_SUITE_P(Manifest, GoodCorpusFile, testing::ValuesIn(ManifestMp3s(false)), TestName);
+
+class AnyCorpusFile : public testing::TestWithParam<ManifestMp3> {};
+
+TEST_P(AnyCorpusFile, GivesTheSamePacketsAndFormatsWhateverTheChunking) {
+  const Bytes file = ReadCorpusFile(GetParam().file);
+  const ParsedStream whole = ParseWhole(file);
+
+  struct Chunking {
+    const char* name;
+    size_t smallest;
+    size_t largest;
+    unsigned seed;
+  };
+  const Chunking chunkings[] = {
+      {"one byte at a time", 1, 1, 0},    {"1..7 bytes, seed 1", 1, 7, 1},     {"1..7 bytes, seed 2", 1, 7, 2},
+      {"1..7 bytes, seed 3", 1, 7, 3},    {"1..600 bytes, seed 4", 1, 600, 4}, {"1..3000 bytes, seed 5", 1, 3000, 5},
+      {"1..64 KiB, seed 6", 1, 65536, 6}, {"4 KiB + 1 bytes", 4097, 4097, 0},
+  };
+  for (const Chunking& chunking : chunkings) {
+    SCOPED_TRACE(chunking.name);
+    std::mt19937 random(chunking.seed);
+    std::uniform_int_distribution<size_t> sizes(chunking.smallest, chunking.largest);
+    const ParsedStream chunked = ParseInChunks(file, [&] { return sizes(random); });
+
+    EXPECT_EQ(std::vector<std::string>{}, chunked.faults);
+    EXPECT_EQ(whole.packets.size(), chunked.packets.size());
+    EXPECT_TRUE(whole.packets == chunked.packets);
+    EXPECT_EQ(whole.formats, chunked.formats);
+    EXPECT_EQ(whole.Failed(), chunked.Failed());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Manifest, AnyCorpusFile, testing::ValuesIn(ManifestMp3s(true)), TestName);
+
+TEST(StreamParserCorpus, ManifestListsGoodAndDamagedFiles) {
+  // Guards the parameterised suites above against an empty or misread manifest.
+  EXPECT_GE(ManifestMp3s(false).size(), 11u);
+  EXPECT_GE(ManifestMp3s(true).size(), 17u);
+}
+
+// A damaged file and what must come of it: the packets are those of a good file (all of its audio
+// frames, or the first few), and the stream fails or not.
+struct DamagedCase {
+  const char* file;
+  bool fails;
+  const char* framesOf;  // nullptr: no packet and no format at all
+  size_t frameCount;     // of framesOf's audio frames; 0 for all
+};
+
+TEST(StreamParserCorpus, DamagedFilesEndAsExpected) {
+  const DamagedCase cases[] = {
+      // No frame within the first 4 KiB of junk: an error, and no format from a lone false sync.
+      {"bad_random_bytes_16k.mp3", true, nullptr, 0},
+      {"bad_empty.mp3", false, nullptr, 0},
+      // The tag claims the whole file: every byte is swallowed, quietly.
+      {"bad_id3_size_beyond_eof.mp3", false, nullptr, 0},
+      // An invalid tag header is 10 bytes of junk; the Info frame after it still starts the stream.
+      {"bad_id3_size_not_syncsafe.mp3", false, "hold_m2_16k_cbr48_lame_info.mp3", 0},
+      {"bad_garbage1k_inserted.mp3", false, "fox_m2_16k_cbr32_lame.mp3", 0},
+      // The half frame at the end never completes.
+      {"bad_truncated_midframe.mp3", false, "hold_m2_16k_cbr48_lame_info.mp3", 40},
+  };
+  for (const DamagedCase& damaged : cases) {
+    SCOPED_TRACE(damaged.file);
+    ParserRecorder recorder;
+    const Bytes file = ReadCorpusFile(damaged.file);
+    recorder.FeedAll(file, [&] { return file.size(); });
+    recorder.Feed(file, file.size(), 0);  // an empty call after the end changes nothing
+    const ParsedStream& parsed = recorder.parsed();
+
+    EXPECT_EQ(std::vector<std::string>{}, parsed.faults);
+    EXPECT_EQ(damaged.fails, parsed.Failed());
+    if (damaged.fails) {
+      EXPECT_EQ(kAudioFileStreamError_InvalidFile, parsed.statuses.back()) << "a failed stream keeps failing";
+    }
+    std::vector<Bytes> expected;
+    if (damaged.framesOf != nullptr) {
+      std::vector<CorpusFrame> frames = AudioFrames(damaged.framesOf);
+      if (damaged.frameCount != 0) {
+        frames.resize(damaged.frameCount);
+      }
+      expected = FrameBytes(ReadCorpusFile(damaged.framesOf), frames);
+    }
+    EXPECT_EQ(expected.size(), parsed.packets.size());
+    EXPECT_TRUE(expected == parsed.packets);
+    EXPECT_EQ(expected.empty() ? 0u : 1u, parsed.formats.size());
+  }
+}
+
+}  // namespace
+}  // namespace stream_parser_test

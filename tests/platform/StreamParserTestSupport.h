@@ -1,0 +1,277 @@
+// Shared by the StreamParser*_test.cpp files: the corpus as the parser tests read it, and a
+// recorder that feeds bytes to a real parser in chosen chunks and writes down what comes back.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Audio/Platform/AudioFileStream.h"
+
+namespace stream_parser_test {
+
+using Bytes = std::vector<uint8_t>;
+
+inline std::string CorpusPath(const std::string& name) { return std::string(ABP_CORPUS_DIR) + "/" + name; }
+
+inline Bytes ReadCorpusFile(const std::string& name) {
+  std::ifstream in(CorpusPath(name), std::ios::binary);
+  EXPECT_TRUE(in.good()) << "cannot read " << CorpusPath(name);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// A tab-separated file with a header row, each row as column name -> text.
+inline std::vector<std::map<std::string, std::string>> ReadTsv(const std::string& name) {
+  std::ifstream in(CorpusPath(name));
+  EXPECT_TRUE(in.good()) << "cannot read " << CorpusPath(name);
+  const auto split = [](const std::string& line) {
+    std::vector<std::string> cells;
+    std::stringstream stream(line);
+    for (std::string cell; std::getline(stream, cell, '\t');) {
+      cells.push_back(cell);
+    }
+    return cells;
+  };
+  std::string line;
+  std::getline(in, line);
+  const std::vector<std::string> columns = split(line);
+  std::vector<std::map<std::string, std::string>> rows;
+  while (std::getline(in, line)) {
+    const std::vector<std::string> cells = split(line);
+    auto& row = rows.emplace_back();
+    for (size_t i = 0; i < columns.size() && i < cells.size(); ++i) {
+      row[columns[i]] = cells[i];
+    }
+  }
+  return rows;
+}
+
+// One frame as the corpus lists it in <name>.frames.tsv.
+struct CorpusFrame {
+  size_t offset;
+  size_t size;
+  std::string kind;  // "audio", "info:Info", "info:Xing", "info:Info(mid-stream,...)"
+  int mpeg;          // 1, 2, or 25 for MPEG-2.5
+  uint32_t rate;
+  uint32_t channels;
+  uint32_t kbps;
+  bool crc;
+};
+
+inline std::vector<CorpusFrame> ReadCorpusFrames(const std::string& mp3Name) {
+  std::vector<CorpusFrame> frames;
+  const std::string base = mp3Name.substr(0, mp3Name.size() - 4);
+  for (const auto& row : ReadTsv(base + ".frames.tsv")) {
+    const std::string mpeg = row.at("mpeg");
+    frames.push_back({std::stoul(row.at("offset")), std::stoul(row.at("size")), row.at("kind"),
+                      mpeg == "2.5" ? 25 : std::stoi(mpeg), uint32_t(std::stoul(row.at("rate"))),
+                      uint32_t(std::stoul(row.at("channels"))), uint32_t(std::stoul(row.at("bitrate_k"))),
+                      row.at("crc") == "1"});
+  }
+  return frames;
+}
+
+// The frames a player must receive: all but a Xing/Info frame that starts the stream.
+inline std::vector<CorpusFrame> AudioFrames(const std::string& mp3Name) {
+  std::vector<CorpusFrame> frames = ReadCorpusFrames(mp3Name);
+  if (!frames.empty() && frames.front().kind.rfind("info:", 0) == 0) {
+    frames.erase(frames.begin());
+  }
+  return frames;
+}
+
+inline std::vector<Bytes> FrameBytes(const Bytes& file, const std::vector<CorpusFrame>& frames) {
+  std::vector<Bytes> packets;
+  for (const CorpusFrame& frame : frames) {
+    packets.emplace_back(file.begin() + frame.offset, file.begin() + frame.offset + frame.size);
+  }
+  return packets;
+}
+
+// A format as the listener read it with AudioFileStreamGetProperty, and how many packets had
+// been delivered before it.
+struct ReportedFormat {
+  size_t packetsBefore;
+  double sampleRate;
+  uint32_t channels;
+  uint32_t framesPerPacket;
+  bool operator==(const ReportedFormat&) const = default;
+};
+
+inline void PrintTo(const ReportedFormat& format, std::ostream* out) {
+  *out << "{before packet " << format.packetsBefore << ": " << format.sampleRate << " Hz, " << format.channels
+       << " ch, " << format.framesPerPacket << " frames/packet}";
+}
+
+// Everything a parser gave back for one stream.
+struct ParsedStream {
+  std::vector<Bytes> packets;
+  std::vector<ReportedFormat> formats;
+  size_t packetCallbacks = 0;
+  // Where each packet starts in the stream when it was delivered by pointer into the bytes of the
+  // feeding call, kNotInPlace when it came from the parser's own copy.
+  static constexpr int64_t kNotInPlace = -1;
+  std::vector<int64_t> offsets;
+  std::vector<OSStatus> statuses;   // of every AudioFileStreamParseBytes call
+  std::vector<std::string> faults;  // broken promises seen inside the callbacks
+
+  bool Failed() const {
+    for (OSStatus status : statuses) {
+      if (status != noErr) {
+        return true;
+      }
+    }
+    return false;
+  }
+};
+
+// Feeds a stream to a new parser and checks, inside every callback, what must hold of it: property
+// order, the format read back from within the listener, descriptions that tile the data.
+class ParserRecorder {
+ public:
+  ParserRecorder() {
+    EXPECT_EQ(noErr, AudioFileStreamOpen(this, &OnProperty, &OnPackets, kAudioFileMP3Type, &stream_));
+  }
+  ~ParserRecorder() { EXPECT_EQ(noErr, AudioFileStreamClose(stream_)); }
+  ParserRecorder(const ParserRecorder&) = delete;
+  ParserRecorder& operator=(const ParserRecorder&) = delete;
+
+  AudioFileStreamID stream() const { return stream_; }
+
+  // Feeds bytes[from, from + size) from a copy of its own, freed as soon as the call returns, so that
+  // a parser that keeps a pointer into the caller's bytes is caught by AddressSanitizer.
+  OSStatus Feed(const Bytes& bytes, size_t from, size_t size) {
+    const Bytes chunk(bytes.begin() + from, bytes.begin() + from + size);
+    chunkBegin_ = chunk.data();
+    chunkEnd_ = chunk.data() + chunk.size();
+    chunkOffset_ = int64_t(from);
+    const OSStatus status = AudioFileStreamParseBytes(stream_, uint32_t(size), chunk.data(), 0);
+    chunkBegin_ = chunkEnd_ = nullptr;
+    parsed_.statuses.push_back(status);
+    return status;
+  }
+
+  // Feeds the whole stream in chunks of the sizes nextChunkSize returns (the last one clipped).
+  void FeedAll(const Bytes& bytes, const std::function<size_t()>& nextChunkSize) {
+    for (size_t from = 0; from < bytes.size();) {
+      const size_t size = std::min(nextChunkSize(), bytes.size() - from);
+      Feed(bytes, from, size);
+      from += size;
+    }
+  }
+
+  const ParsedStream& parsed() const { return parsed_; }
+
+  // Called from inside the callbacks when set; runs after the recording.
+  std::function<void(AudioFileStreamPropertyID)> onProperty;
+  std::function<void()> onPackets;
+
+ private:
+  static void OnProperty(void* client, AudioFileStreamID stream, AudioFileStreamPropertyID property, uint32_t*) {
+    auto& self = *static_cast<ParserRecorder*>(client);
+    self.CheckStream(stream);
+    if (property == kAudioFileStreamProperty_DataFormat) {
+      self.expectReady_ = true;
+    } else if (property == kAudioFileStreamProperty_ReadyToProducePackets) {
+      if (!self.expectReady_) {
+        self.parsed_.faults.push_back("ready-to-produce-packets without a data format before it");
+      }
+      self.expectReady_ = false;
+      self.RecordFormat();
+    } else {
+      self.parsed_.faults.push_back("unexpected property");
+    }
+    if (self.onProperty) {
+      self.onProperty(property);
+    }
+  }
+
+  static void OnPackets(void* client, uint32_t numberBytes, uint32_t numberPackets, const void* data,
+                        AudioStreamPacketDescription* descriptions) {
+    auto& self = *static_cast<ParserRecorder*>(client);
+    ParsedStream& parsed = self.parsed_;
+    ++parsed.packetCallbacks;
+    if (self.expectReady_) {
+      parsed.faults.push_back("packets between the data format and ready-to-produce-packets");
+    }
+    if (parsed.formats.empty()) {
+      parsed.faults.push_back("packets before any format");
+    }
+    if (numberPackets == 0 || descriptions == nullptr) {
+      parsed.faults.push_back("a packet callback without packets");
+      return;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    const bool inPlace = bytes >= self.chunkBegin_ && bytes + numberBytes <= self.chunkEnd_;
+    int64_t expectedOffset = 0;
+    for (uint32_t i = 0; i < numberPackets; ++i) {
+      const AudioStreamPacketDescription& description = descriptions[i];
+      if (description.mStartOffset != expectedOffset || description.mVariableFramesInPacket != 0) {
+        parsed.faults.push_back("descriptions that do not tile the data");
+        return;
+      }
+      expectedOffset += description.mDataByteSize;
+      if (expectedOffset > int64_t(numberBytes)) {
+        parsed.faults.push_back("a packet beyond the data");
+        return;
+      }
+      parsed.packets.emplace_back(bytes + description.mStartOffset, bytes + expectedOffset);
+      parsed.offsets.push_back(inPlace ? self.chunkOffset_ + (bytes - self.chunkBegin_) + description.mStartOffset
+                                       : ParsedStream::kNotInPlace);
+    }
+    if (expectedOffset != int64_t(numberBytes)) {
+      parsed.faults.push_back("data beyond the last packet");
+    }
+    if (self.onPackets) {
+      self.onPackets();
+    }
+  }
+
+  void CheckStream(AudioFileStreamID stream) {
+    if (stream != stream_) {
+      parsed_.faults.push_back("a callback naming another stream");
+    }
+  }
+
+  // Reads the format back from inside the listener, as the player does.
+  void RecordFormat() {
+    AudioStreamBasicDescription format{};
+    uint32_t size = sizeof format;
+    const OSStatus status = AudioFileStreamGetProperty(stream_, kAudioFileStreamProperty_DataFormat, &size, &format);
+    if (status != noErr || size != sizeof format || format.mFormatID != kAudioFormatMPEGLayer3 ||
+        format.mFormatFlags != 0 || format.mBytesPerPacket != 0 || format.mBytesPerFrame != 0 ||
+        format.mBitsPerChannel != 0 || format.mReserved != 0) {
+      parsed_.faults.push_back("the data format does not read back as an MP3 description");
+    }
+    parsed_.formats.push_back(
+        {parsed_.packets.size(), format.mSampleRate, format.mChannelsPerFrame, format.mFramesPerPacket});
+  }
+
+  AudioFileStreamID stream_ = nullptr;
+  ParsedStream parsed_;
+  bool expectReady_ = false;
+  const uint8_t* chunkBegin_ = nullptr;
+  const uint8_t* chunkEnd_ = nullptr;
+  int64_t chunkOffset_ = 0;
+};
+
+// Parses a whole stream in chunks of the sizes nextChunkSize returns.
+inline ParsedStream ParseInChunks(const Bytes& bytes, const std::function<size_t()>& nextChunkSize) {
+  ParserRecorder recorder;
+  recorder.FeedAll(bytes, nextChunkSize);
+  return recorder.parsed();
+}
+
+inline ParsedStream ParseWhole(const Bytes& bytes) {
+  return ParseInChunks(bytes, [&] { return bytes.size(); });
+}
+
+}  // namespace stream_parser_test
