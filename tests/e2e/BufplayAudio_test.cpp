@@ -1,0 +1,240 @@
+// Plan: bufplay plays sentences into the WAV output faster than real time, and what it recorded is
+// compared with what it was given, sample for sample. The WAV output records silence where the
+// queue ran dry, which a loaded machine (a sanitizer build) can make happen; such silence is the
+// only difference allowed.
+// - Raw PCM, and WAV files laid out the ways recorders write them. WAV layouts that bufplay cannot
+//   play end with status 2 and a message naming what does not fit.
+// - MP3: the corpus reference decode (libmpg123 decodes both), allowing for a decoder delay.
+// - Several files: one recording per sentence, in order.
+// - --volume reaches the output.
+// Not here: the sound card, and anything about timing.
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <span>
+
+#include "e2e/BufplayProcess.h"
+
+namespace bufplay_test {
+namespace {
+
+struct Recording {
+  uint32_t rate = 0;
+  uint16_t channels = 0;
+  std::vector<int16_t> samples;
+};
+
+uint32_t Little(const uint8_t* bytes, int count) {
+  uint32_t value = 0;
+  for (int i = count - 1; i >= 0; --i) value = value << 8 | bytes[i];
+  return value;
+}
+
+// Reads a recording of the WAV output by its chunks.
+Recording ReadRecording(const std::string& path) {
+  const std::vector<uint8_t> file = ReadBytes(path);
+  Recording recording;
+  for (size_t at = 12; at + 8 <= file.size();) {
+    const std::string id(file.begin() + std::ptrdiff_t(at), file.begin() + std::ptrdiff_t(at + 4));
+    const size_t size = Little(&file[at + 4], 4);
+    if (id == "fmt ") {
+      recording.channels = uint16_t(Little(&file[at + 10], 2));
+      recording.rate = Little(&file[at + 12], 4);
+    } else if (id == "data") {
+      for (size_t i = at + 8; i + 1 < at + 8 + size && i + 1 < file.size(); i += 2) {
+        recording.samples.push_back(int16_t(Little(&file[i], 2)));
+      }
+    }
+    at += 8 + size + (size & 1);
+  }
+  return recording;
+}
+
+std::vector<int16_t> Samples(const std::vector<uint8_t>& bytes) {
+  std::vector<int16_t> samples;
+  for (size_t i = 0; i + 1 < bytes.size(); i += 2) samples.push_back(int16_t(Little(&bytes[i], 2)));
+  return samples;
+}
+
+// Plays the arguments into scratch/out.wav, faster than real time, fed as fast as the player takes
+// the audio.
+Outcome PlayIntoWav(const ScratchFolder& scratch, std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), {"--output", "wav:" + scratch.file("out.wav"), "--speed", "4", "--pace", "0"});
+  return RunBufplay(arguments);
+}
+
+// Whether `heard` is `fed` sample for sample (each within `tolerance`) with nothing added but
+// silence.
+bool FedWithOnlySilenceAdded(std::span<const int16_t> fed, std::span<const int16_t> heard, int tolerance = 0) {
+  size_t next = 0;  // of fed
+  for (const int16_t sample : heard) {
+    if (next < fed.size() && std::abs(sample - fed[next]) <= tolerance) {
+      ++next;
+    } else if (sample != 0) {
+      return false;
+    }
+  }
+  return next == fed.size();
+}
+
+MATCHER_P(IsFedWithOnlySilenceAdded, fed, "is the fed audio, with nothing added but silence") {
+  return FedWithOnlySilenceAdded(fed, arg);
+}
+
+MATCHER_P(IsWithin1OfFedWithOnlySilenceAdded, fed, "is the fed audio within 1, with nothing added but silence") {
+  return FedWithOnlySilenceAdded(fed, arg, 1);
+}
+
+TEST(BufplayAudio, RawPcmIsRecordedSampleForSample) {
+  REQUIRE_BUFPLAY();
+  ScratchFolder scratch;
+  const Outcome outcome = PlayIntoWav(scratch, {"--format", "pcm16k", CorpusPath("hello_s16le_16000.pcm")});
+  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
+  const Recording recording = ReadRecording(scratch.file("out.wav"));
+  EXPECT_EQ(recording.rate, 16000u);
+  EXPECT_EQ(recording.channels, 1u);
+  EXPECT_THAT(recording.samples, IsFedWithOnlySilenceAdded(Samples(ReadBytes(CorpusPath("hello_s16le_16000.pcm")))));
+}
+
+TEST(BufplayAudio, Mp3IsRecordedAsItsReferenceDecode) {
+  REQUIRE_BUFPLAY();
+  ScratchFolder scratch;
+  const Outcome outcome = PlayIntoWav(scratch, {CorpusPath("hello_m2_16k_cbr32_lame_id3v1.mp3")});
+  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
+  const Recording recording = ReadRecording(scratch.file("out.wav"));
+  const std::vector<int16_t> reference = Samples(ReadBytes(CorpusPath("hello_m2_16k_cbr32_lame_id3v1.ref.pcm")));
+  EXPECT_EQ(recording.rate, 16000u);
+  // A decoder may start up to a frame's worth of samples earlier or later than the reference's.
+  constexpr size_t kMaxShift = 1152;
+  const std::span<const int16_t> heard(recording.samples);
+  const std::span<const int16_t> fed(reference);
+  bool matched = false;
+  for (size_t shift = 0; shift <= kMaxShift && !matched; ++shift) {
+    matched = (shift < heard.size() && FedWithOnlySilenceAdded(fed, heard.subspan(shift))) ||
+              (shift < fed.size() && FedWithOnlySilenceAdded(fed.subspan(shift), heard));
+  }
+  EXPECT_TRUE(matched) << "the recording is not the reference decode at any shift up to " << kMaxShift;
+}
+
+TEST(BufplayAudio, EachSentenceIsRecordedInItsOwnFileInOrder) {
+  REQUIRE_BUFPLAY();
+  ScratchFolder scratch;
+  const Outcome outcome = PlayIntoWav(scratch, {"--format", "pcm8k", CorpusPath("hello_s16le_8000.pcm"),
+                                                CorpusPath("hold_s16le_8000.pcm")});
+  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
+  EXPECT_THAT(ReadRecording(scratch.file("out.wav")).samples,
+              IsFedWithOnlySilenceAdded(Samples(ReadBytes(CorpusPath("hello_s16le_8000.pcm")))));
+  EXPECT_THAT(ReadRecording(scratch.file("out-2.wav")).samples,
+              IsFedWithOnlySilenceAdded(Samples(ReadBytes(CorpusPath("hold_s16le_8000.pcm")))));
+}
+
+TEST(BufplayAudio, VolumeScalesTheRecordedSamples) {
+  REQUIRE_BUFPLAY();
+  ScratchFolder scratch;
+  const Outcome outcome =
+      PlayIntoWav(scratch, {"--volume", "0.5", "--format", "pcm16k", CorpusPath("hello_s16le_16000.pcm")});
+  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
+  std::vector<int16_t> halved = Samples(ReadBytes(CorpusPath("hello_s16le_16000.pcm")));
+  for (int16_t& sample : halved) sample = int16_t(std::lround(sample * 0.5));
+  // The gain may round either way.
+  EXPECT_THAT(ReadRecording(scratch.file("out.wav")).samples, IsWithin1OfFedWithOnlySilenceAdded(halved));
+}
+
+// WAV files as recorders write them, around the samples of a corpus sentence.
+struct WavLayout {
+  const char* name;
+  uint16_t formatTag = 1;
+  uint16_t channels = 1;
+  uint32_t rate = 16000;
+  uint16_t bits = 16;
+  bool extensible = false;     // WAVE_FORMAT_EXTENSIBLE with the PCM sub-format
+  bool listChunk = false;      // a LIST chunk between "fmt " and "data"
+  bool oddChunk = false;       // a chunk of odd size, padded, before "data"
+  bool dataSizeUnset = false;  // a streaming recorder that never went back to fill in the size
+  bool dataFirst = false;      // "data" before "fmt "
+  bool noData = false;
+  const char* refusal = nullptr;  // the message when bufplay cannot play it
+};
+
+void PrintTo(const WavLayout& layout, std::ostream* out) { *out << layout.name; }
+
+void Append(std::vector<uint8_t>& bytes, uint32_t value, int count) {
+  for (int i = 0; i < count; ++i) bytes.push_back(uint8_t(value >> (8 * i)));
+}
+
+void AppendChunk(std::vector<uint8_t>& bytes, const char* id, const std::vector<uint8_t>& body, uint32_t size) {
+  bytes.insert(bytes.end(), id, id + 4);
+  Append(bytes, size, 4);
+  bytes.insert(bytes.end(), body.begin(), body.end());
+  if (body.size() & 1) bytes.push_back(0);
+}
+
+std::vector<uint8_t> MakeWav(const WavLayout& layout, const std::vector<uint8_t>& samples) {
+  std::vector<uint8_t> format;
+  Append(format, layout.extensible ? 0xFFFE : layout.formatTag, 2);
+  Append(format, layout.channels, 2);
+  Append(format, layout.rate, 4);
+  Append(format, layout.rate * layout.channels * layout.bits / 8, 4);
+  Append(format, uint32_t(layout.channels * layout.bits / 8), 2);
+  Append(format, layout.bits, 2);
+  if (layout.extensible) {
+    Append(format, 22, 2);
+    Append(format, layout.bits, 2);
+    Append(format, 0x4, 4);  // speaker position: front centre
+    const uint8_t pcmGuid[16] = {1, 0, 0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71};
+    format.insert(format.end(), pcmGuid, pcmGuid + 16);
+  }
+  std::vector<uint8_t> chunks;
+  const auto addData = [&] {
+    if (!layout.noData) AppendChunk(chunks, "data", samples, layout.dataSizeUnset ? 0 : uint32_t(samples.size()));
+  };
+  if (layout.dataFirst) addData();
+  AppendChunk(chunks, "fmt ", format, uint32_t(format.size()));
+  if (layout.listChunk) AppendChunk(chunks, "LIST", {'I', 'N', 'F', 'O', 'I', 'S', 'F', 'T', 2, 0, 0, 0, 'x', 0}, 14);
+  if (layout.oddChunk) AppendChunk(chunks, "junk", {1, 2, 3}, 3);
+  if (!layout.dataFirst) addData();
+  std::vector<uint8_t> file{'R', 'I', 'F', 'F'};
+  Append(file, uint32_t(4 + chunks.size()), 4);
+  file.insert(file.end(), {'W', 'A', 'V', 'E'});
+  file.insert(file.end(), chunks.begin(), chunks.end());
+  return file;
+}
+
+class BufplayWavInput : public testing::TestWithParam<WavLayout> {};
+
+TEST_P(BufplayWavInput, PlaysTheSamplesOrNamesWhatDoesNotFit) {
+  REQUIRE_BUFPLAY();
+  const WavLayout& layout = GetParam();
+  const std::string pcm = CorpusPath(layout.rate == 8000 ? "hello_s16le_8000.pcm" : "hello_s16le_16000.pcm");
+  ScratchFolder scratch;
+  WriteBytes(scratch.file("in.wav"), MakeWav(layout, ReadBytes(pcm)));
+  const Outcome outcome = PlayIntoWav(scratch, {scratch.file("in.wav")});
+  if (layout.refusal) {
+    EXPECT_EQ(outcome.exitStatus, 2);
+    EXPECT_NE(outcome.err.find(layout.refusal), std::string::npos) << outcome.err;
+    EXPECT_EQ(Lines(outcome.err).size(), 1u) << outcome.err;
+    return;
+  }
+  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
+  const Recording recording = ReadRecording(scratch.file("out.wav"));
+  EXPECT_EQ(recording.rate, layout.rate);
+  EXPECT_THAT(recording.samples, IsFedWithOnlySilenceAdded(Samples(ReadBytes(pcm))));
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, BufplayWavInput,
+                         testing::Values(WavLayout{.name = "Plain16k"}, WavLayout{.name = "Plain8k", .rate = 8000},
+                                         WavLayout{.name = "ListChunkBeforeData", .listChunk = true},
+                                         WavLayout{.name = "OddChunkBeforeData", .oddChunk = true},
+                                         WavLayout{.name = "Extensible", .extensible = true},
+                                         WavLayout{.name = "DataSizeUnset", .dataSizeUnset = true},
+                                         WavLayout{.name = "Stereo", .channels = 2, .refusal = "2 channel(s)"},
+                                         WavLayout{.name = "EightBit", .bits = 8, .refusal = "8 bits"},
+                                         WavLayout{.name = "Rate44k", .rate = 44100, .refusal = "44100 Hz"},
+                                         WavLayout{.name = "Float", .formatTag = 3, .bits = 32, .refusal = "format 3"},
+                                         WavLayout{.name = "DataBeforeFormat", .dataFirst = true,
+                                                   .refusal = "data comes before its format"},
+                                         WavLayout{.name = "NoData", .noData = true, .refusal = "without a data chunk"}),
+                         [](const testing::TestParamInfo<WavLayout>& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace bufplay_test

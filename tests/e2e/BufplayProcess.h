@@ -1,0 +1,149 @@
+// Shared by the Bufplay*_test.cpp files: runs the built bufplay as a child process, the way a user
+// does, and hands back what it wrote and how it ended. Standard input is /dev/null and the outputs
+// are pipes, so bufplay sees no terminal: no live display, no keys.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace bufplay_test {
+
+#ifdef BUFPLAY_PATH
+inline constexpr const char* kBufplay = BUFPLAY_PATH;
+#else
+inline constexpr const char* kBufplay = nullptr;
+#endif
+
+// Skips the calling test when the build has no bufplay (tools switched off).
+#define REQUIRE_BUFPLAY() \
+  if (!bufplay_test::kBufplay) GTEST_SKIP() << "bufplay is not built (ABP_BUILD_TOOLS is OFF)"
+
+inline std::string CorpusPath(const std::string& name) { return std::string(ABP_CORPUS_DIR) + "/" + name; }
+
+inline std::vector<uint8_t> ReadBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(in.good()) << "cannot read " << path;
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+  ASSERT_TRUE(out.good()) << "cannot write " << path;
+}
+
+// A folder of its own for each test, removed with everything in it.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::string pattern = testing::TempDir() + "bufplay-XXXXXX";
+    if (mkdtemp(pattern.data())) path_ = pattern;
+    EXPECT_FALSE(path_.empty()) << "mkdtemp: " << std::strerror(errno);
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+struct Outcome {
+  int exitStatus = -1;  // 128 + signal when it was killed
+  std::string out;
+  std::string err;
+};
+
+// Runs bufplay with the arguments until it exits. A run that outlives the deadline is killed and
+// fails the test instead of hanging it.
+inline Outcome RunBufplay(const std::vector<std::string>& arguments,
+                          std::chrono::seconds deadline = std::chrono::seconds(120)) {
+  Outcome outcome;
+  std::array<int, 2> outPipe{};
+  std::array<int, 2> errPipe{};
+  if (pipe2(outPipe.data(), O_CLOEXEC) != 0 || pipe2(errPipe.data(), O_CLOEXEC) != 0) {
+    ADD_FAILURE() << "pipe: " << std::strerror(errno);
+    return outcome;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+  std::vector<char*> argv{const_cast<char*>(kBufplay)};
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  pid_t child = 0;
+  const int spawned = posix_spawn(&child, kBufplay, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(outPipe[1]);
+  close(errPipe[1]);
+  if (spawned != 0) {
+    ADD_FAILURE() << "cannot start " << kBufplay << ": " << std::strerror(spawned);
+    close(outPipe[0]);
+    close(errPipe[0]);
+    return outcome;
+  }
+
+  const auto giveUpAt = std::chrono::steady_clock::now() + deadline;
+  std::array<pollfd, 2> pipes{{{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}}};
+  std::array<std::string*, 2> sinks{&outcome.out, &outcome.err};
+  bool killed = false;
+  while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(giveUpAt - std::chrono::steady_clock::now());
+    if (left.count() <= 0 && !killed) {
+      ADD_FAILURE() << "bufplay still ran after " << deadline.count() << " s; killed";
+      kill(child, SIGKILL);
+      killed = true;
+    }
+    poll(pipes.data(), pipes.size(), killed ? -1 : int(std::max<int64_t>(left.count(), 0)));
+    for (size_t index = 0; index < pipes.size(); ++index) {
+      if (pipes[index].fd < 0 || pipes[index].revents == 0) continue;
+      char block[4096];
+      const ssize_t got = read(pipes[index].fd, block, sizeof block);
+      if (got > 0) {
+        sinks[index]->append(block, size_t(got));
+      } else if (got == 0 || errno != EINTR) {
+        close(pipes[index].fd);
+        pipes[index].fd = -1;
+      }
+    }
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return outcome;
+}
+
+// Lines of text, without their line ends.
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+    lines.push_back(text.substr(start, end - start));
+  }
+  if (start < text.size()) lines.push_back(text.substr(start));
+  return lines;
+}
+
+}  // namespace bufplay_test

@@ -1,0 +1,35 @@
+// What the command line asks of bufplay.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Audio/Players/qen_AudioPlayer.h"
+#include "ScriptedAction.h"
+
+struct Options {
+  std::vector<std::string> files;  // one sentence each, played in order
+  std::optional<QEN_TTS::Audio::AudioPlayerAudioFormats> format;  // absent: from each file's name
+  size_t chunkBytes = 3200;
+  double pace = 4;  // producer speed against playback; 0: as fast as the player takes it
+  std::string output = "default";
+  double speed = 1;  // clock factor of the null and wav outputs
+  float volume = 1;
+  double offset = 0;  // added by the player to every reported length and position
+  std::optional<std::string> category;
+  bool sessionManagement = true;
+  std::vector<ScriptedAction> script;  // sorted by time
+  std::optional<std::string> eventsPath;  // "-" for standard output
+  std::optional<std::string> timelinePath;
+  int verbosity = 0;  // 1: DEBUG, 2: TRACE
+};
+
+// The options, or the exit status when bufplay should end at once: 0 after --help, 2 after a
+// message about a bad argument (both already printed).
+struct ParsedCommandLine {
+  std::optional<Options> options;
+  int exitStatus = 0;
+};
+ParsedCommandLine ParseCommandLine(int argc, char** argv);

@@ -1,0 +1,98 @@
+// bufplay: plays sentences through AudioBufPlayer the way a speech client does, and shows what the
+// player reports. Run with --help for the options.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "Audio/Platform/OutputQueue/PortAudioDevice.h"
+#include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+#include "BadInput.h"
+#include "Diagnostics/qen_log.h"
+#include "Options.h"
+#include "Session.h"
+#include "SignalWatch.h"
+
+namespace {
+
+// The WAV recordings of the last sentence are complete once its queue has let go of them.
+constexpr double kReleaseWaitSeconds = 5.0;
+
+// Chooses the sound output for the whole process. A WAV path that cannot be written is found here,
+// before anything plays, rather than as a failed queue in the middle of the session.
+void SelectOutput(const Options& options) {
+  const std::string wavPrefix = "wav:";
+  if (options.output.rfind(wavPrefix, 0) == 0) {
+    const std::string path = options.output.substr(wavPrefix.size());
+    const size_t slash = path.find_last_of('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    if (access(path.c_str(), F_OK) == 0 ? access(path.c_str(), W_OK) != 0 : access(folder.c_str(), W_OK | X_OK) != 0) {
+      throw BadInput("cannot write " + path + ": " + std::strerror(errno));
+    }
+  }
+  std::string output = options.output;
+  // The platform would say so in a diagnostic line, which bufplay keeps off without -v.
+  if (output == "default" && !PortAudioOutputExists()) {
+    std::fprintf(stderr, "bufplay: no sound output on this machine; playing on the null output\n");
+    output = "null";
+  }
+  if (AudioOutputSelect(output, options.speed) != noErr) {
+    throw BadInput("--output " + options.output + " cannot be used");
+  }
+}
+
+SessionViews OpenViews(const Options& options, const std::vector<SentenceFile>& files) {
+  SessionViews views;
+  if (options.eventsPath) views.eventLog = std::make_unique<EventLog>(*options.eventsPath);
+  if (options.timelinePath) {
+    std::vector<std::string> names;
+    for (const SentenceFile& file : files) names.push_back(file.name());
+    views.timeline = std::make_unique<Timeline>(*options.timelinePath, names, options.offset);
+  }
+  if (isatty(STDOUT_FILENO) && options.eventsPath != "-") {
+    views.display = std::make_unique<LiveDisplay>(stdout, files.size());
+  }
+  views.keys = TerminalKeys::Open();
+  return views;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SignalWatch signals;  // before any thread exists, so that every thread leaves the signals to it
+
+  const ParsedCommandLine commandLine = ParseCommandLine(argc, argv);
+  if (!commandLine.options) return commandLine.exitStatus;
+  const Options& options = *commandLine.options;
+  // Without -v the player's own lines stay off: bufplay names every problem itself, in one line, and
+  // the player logs the end of every sentence at ERROR.
+  constexpr int kNoDiagnostics = QEN_TTS::QEN_LOG_LEVEL_ERROR - 1;
+  const int levels[] = {kNoDiagnostics, QEN_TTS::QEN_LOG_LEVEL_DEBUG, QEN_TTS::QEN_LOG_LEVEL_TRACE};
+  QEN_TTS::set_log_level(levels[options.verbosity]);
+
+  int exitStatus = 0;
+  try {
+    std::vector<SentenceFile> files;
+    for (const std::string& path : options.files) {
+      files.push_back(SentenceFile::Load(path, options.format, options.chunkBytes));
+    }
+    SessionViews views = OpenViews(options, files);
+    SelectOutput(options);
+    std::shared_ptr<AudioBufPlayer> player =
+        AudioBufPlayer::initWithAudioSessionCategory(options.category, 0, options.sessionManagement);
+    if (!player) {
+      std::fprintf(stderr, "bufplay: the player could not be created\n");
+      return 1;
+    }
+    exitStatus = Session(options, files, player, signals, std::move(views)).run();
+  } catch (const BadInput& problem) {
+    std::fprintf(stderr, "bufplay: %s\n", problem.what());
+    return 2;
+  }
+  AudioQueueWaitForReleases(kReleaseWaitSeconds);
+  return exitStatus;
+}
