@@ -18,9 +18,9 @@ struct DelegateEvent {
   double seconds = 0.0;  // updatedTotalLength, playProgressChanged
   AudioBufPlayerError error = AudioBufPlayerError_OK;
   AudioBufPlayerPauseSource source = AudioBufPlayerPauseSource_USER;
-  std::string description;
+  std::string description{};
   AudioBufPlayer* player = nullptr;
-  std::thread::id thread;
+  std::thread::id thread{};
 };
 
 class RecordingDelegate : public AudioBufPlayerDelegate {
