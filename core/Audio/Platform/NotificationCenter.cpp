@@ -23,10 +23,11 @@ struct NotificationCenter::State {
   std::mutex mutex;
   std::vector<std::shared_ptr<Subscription>> subscriptions;  // guarded by mutex
 
-  // Caller holds mutex.
+  // Caller holds mutex. Subscriptions of observers that are gone go too, so that observers that
+  // never unsubscribe cannot make the list grow.
   void unsubscribe(const void* observer, const std::string& name) {
     auto matches = [&](const std::shared_ptr<Subscription>& s) {
-      return s->observerKey == observer && s->name == name;
+      return (s->observerKey == observer && s->name == name) || s->observer.expired();
     };
     for (auto& subscription : subscriptions) {
       if (matches(subscription)) subscription->subscribed.store(false, std::memory_order_release);

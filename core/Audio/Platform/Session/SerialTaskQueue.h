@@ -1,5 +1,5 @@
 // A serial queue on top of the global work queue: tasks run one after another, in posting order,
-// each on some thread of the global queue's pool, never on the poster's thread.
+// each on some thread of the global queue's pool, never inside the call that posts them.
 //
 // Only one drain task is on the global queue at a time, so ordering needs no dedicated thread, and
 // a blocking task holds back this queue alone.

@@ -3,8 +3,8 @@
 //
 // Everything is guarded by one mutex. A state change and the post of its notification are made
 // under that mutex, so the notifications go out in the order of the changes; they are delivered
-// through NotificationCenter::defaultCenter() from the session's serial queue, never on the
-// caller's thread, so a caller may hold locks that the handlers take.
+// through NotificationCenter::defaultCenter() from the session's serial queue, never inside the
+// caller's call, so a caller may hold locks that the handlers take.
 #pragma once
 
 #include <cstdint>
