@@ -27,36 +27,49 @@ typedef void (*AudioQueueOutputCallback)(void* inUserData, AudioQueueRef inAQ, A
 // Called on the queue's callback thread when a listened property (the running state) changes.
 typedef void (*AudioQueuePropertyListenerProc)(void* inUserData, AudioQueueRef inAQ, AudioQueuePropertyID inID);
 
-// Creates a queue for linear PCM (16-bit signed little-endian, mono or stereo, any rate) or MP3
-// (kAudioFormatMPEGLayer3, decoded on the queue's thread). Run loop and mode must be null.
+// Creates a queue for linear PCM (16-bit signed little-endian, mono or stereo, any whole rate from
+// 1000 to 768000 Hz) or MP3 (kAudioFormatMPEGLayer3 at an MPEG rate, mono or stereo, decoded on the
+// queue's thread). Run loop and mode must be null, flags 0. It plays through the sound output the
+// host program selected (OutputQueue/OutputDevices.h). Fails with kAudioQueueErr_UnsupportedFormat,
+// kAudioQueueErr_DeviceFailed when the sound output cannot be opened, or kAudioQueueErr_InvalidParameter.
 OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQueueOutputCallback inCallbackProc,
                              void* inUserData, void* inCallbackRunLoop, void* inCallbackRunLoopMode, uint32_t inFlags,
                              AudioQueueRef* outAQ);
 
-// Allocates a buffer owned by the queue; it is released with the queue.
+// Allocates a buffer owned by the queue, of 1 byte to 4 MiB; it is released with the queue. A queue
+// holds at most 4096 buffers (then kAudioQueueErr_OutOfMemory).
 OSStatus AudioQueueAllocateBuffer(AudioQueueRef inAQ, uint32_t inBufferByteSize, AudioQueueBufferRef* outBuffer);
 
-// Adds a buffer to the end of the queue. For MP3 every packet needs a description; linear PCM takes
-// none and is a byte stream across buffers (an odd-length buffer never misaligns later samples).
+// Adds a buffer to the end of the queue; until it comes back through the output callback the client
+// leaves it alone. For MP3 every packet needs a description (within the buffer, not empty); a packet
+// that yields no audio (damaged, or of another rate or channel count) plays nothing. Linear PCM takes
+// no descriptions and is a byte stream across buffers (an odd-length buffer never misaligns later
+// samples). Fails with kAudioQueueErr_InvalidBuffer (not this queue's), kAudioQueueErr_BufferInQueue,
+// kAudioQueueErr_BufferEmpty or kAudioQueueErr_InvalidParameter.
 OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer, uint32_t inNumPacketDescs,
                                  const AudioStreamPacketDescription* inPacketDescs);
 
 // Starts or continues playing. Refused with kAudioSessionErr_Interrupted ("!int") while the audio
 // session is interrupted and with kAudioSessionErr_InBackground ("!pla") while the application is in
-// the background. inStartTime must be null (as soon as possible).
+// the background, and with kAudioQueueErr_DeviceFailed when the sound output does not start.
+// inStartTime must be null (as soon as possible).
 OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp* inStartTime);
 
-// Pauses, holding the play position; AudioQueueStart continues from it.
+// Pauses, holding the play position (the sound fades out over 5 ms); AudioQueueStart continues from it,
+// fading in. The running state does not change. Does nothing to a queue that is not running.
 OSStatus AudioQueuePause(AudioQueueRef inAQ);
 
-// inImmediate false: stops once everything enqueued so far has been played.
-// inImmediate true: stops at once; buffers not played come back through the output callback.
+// inImmediate false: stops once everything enqueued so far has been played; buffers enqueued later
+// wait for the next start. Does nothing to a queue that is not running.
+// inImmediate true: stops at once (a 5 ms fade); buffers not played come back through the output
+// callback, in order, before the running-state listener is told.
 // The running-state listener is told when the queue has stopped.
 OSStatus AudioQueueStop(AudioQueueRef inAQ, bool inImmediate);
 
-// Stops the sound at once and releases the queue and its buffers. Never waits for a callback in
-// progress (a callback may be waiting for a lock that the caller holds): once it returns no new
-// callback of this queue starts. Works from the queue's own callback thread.
+// Stops the sound at once and releases the queue and its buffers, whatever inImmediate. Never waits
+// for a callback in progress (a callback may be waiting for a lock that the caller holds): that one
+// may still run after the return, but no new callback of this queue starts. Buffers still enqueued
+// do not come back. Works from the queue's own callback thread.
 OSStatus AudioQueueDispose(AudioQueueRef inAQ, bool inImmediate);
 
 // mSampleTime: frames of enqueued audio that the sound output has played since the queue was first
@@ -68,9 +81,11 @@ OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void* inTimeline, AudioTim
 // kAudioQueueProperty_IsRunning: a uint32_t, non-zero while running.
 OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID inID, void* outData, uint32_t* ioDataSize);
 
-// Only kAudioQueueProperty_IsRunning can be listened to.
+// Only kAudioQueueProperty_IsRunning can be listened to. Adding the same listener and user data
+// twice adds it once; a queue takes 32 listeners (then kAudioQueueErr_OutOfMemory).
 OSStatus AudioQueueAddPropertyListener(AudioQueueRef inAQ, AudioQueuePropertyID inID,
                                        AudioQueuePropertyListenerProc inProc, void* inUserData);
 
-// kAudioQueueParam_Volume: a linear gain applied to the samples.
+// kAudioQueueParam_Volume: a linear gain from 0 to 1 applied to the samples; a change while playing
+// slides there within 5 ms.
 OSStatus AudioQueueSetParameter(AudioQueueRef inAQ, AudioQueueParameterID inParamID, AudioQueueParameterValue inValue);

@@ -1,0 +1,329 @@
+// The API side of OutputQueue: each operation changes the state under mutex_ and wakes the
+// callback thread, which does the rendering and the calling back (OutputQueueThread.cpp).
+#include "Audio/Platform/OutputQueue/OutputQueue.h"
+
+#include <algorithm>
+#include <chrono>
+#include <system_error>
+
+#include "Audio/Platform/AudioSession.h"
+#include "Audio/Platform/Application.h"
+#include "Audio/Platform/OutputQueue/BufferHandleArena.h"
+#include "Audio/Platform/OutputQueue/ManualDevice.h"
+#include "Audio/Platform/OutputQueue/QueueRegistry.h"
+
+namespace {
+// Room for the thread that renders to be late: a quarter of a second of audio.
+constexpr uint32_t kRingMilliseconds = 250;
+// Pauses and immediate stops fade out over this long, resumes fade in.
+constexpr uint32_t kFadeMilliseconds = 5;
+// Limits that keep a misbehaving client from growing a queue without end.
+constexpr uint32_t kMaxBufferBytes = 4u << 20;
+constexpr size_t kMaxBuffers = 4096;
+constexpr size_t kMaxListeners = 32;
+
+int64_t steadyNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+}  // namespace
+
+std::shared_ptr<OutputQueue> OutputQueue::create(AudioQueueRef handle, const AudioStreamBasicDescription& format,
+                                                 AudioQueueOutputCallback callback, void* userData,
+                                                 OSStatus* status) {
+  std::unique_ptr<OutputDevice> device = OpenOutputDevice(uint32_t(format.mSampleRate), format.mChannelsPerFrame, status);
+  if (!device) {
+    return nullptr;
+  }
+  std::shared_ptr<OutputQueue> queue(new OutputQueue(handle, format, callback, userData, std::move(device), status));
+  if (*status != noErr) {
+    return nullptr;
+  }
+  try {
+    std::thread([queue] { queue->runCallbackThread(); }).detach();
+  } catch (const std::system_error&) {
+    *status = kAudioQueueErr_OutOfMemory;
+    return nullptr;
+  }
+  return queue;
+}
+
+OutputQueue::OutputQueue(AudioQueueRef handle, const AudioStreamBasicDescription& format,
+                         AudioQueueOutputCallback callback, void* userData, std::unique_ptr<OutputDevice> device,
+                         OSStatus* status)
+    : handle_(handle),
+      callback_(callback),
+      userData_(userData),
+      packetized_(format.mFormatID == kAudioFormatMPEGLayer3),
+      streamRate_(uint32_t(format.mSampleRate)),
+      outputRate_(device->sampleRate()),
+      ring_(std::max<size_t>(size_t(outputRate_) * kRingMilliseconds / 1000, 2048), format.mChannelsPerFrame),
+      playout_(ring_, outputRate_ * kFadeMilliseconds / 1000, wakeup_),
+      renderer_(format, outputRate_, status),
+      device_(std::move(device)) {}
+
+OutputQueue::~OutputQueue() {
+  device_.reset();
+  for (auto& [header, record] : buffers_) {
+    header->~AudioQueueBuffer();
+    BufferHandleArena::instance().release(header);
+  }
+  if (disposed_) {
+    QueueRegistry::instance().released();
+  }
+}
+
+OSStatus OutputQueue::allocateBuffer(uint32_t size, AudioQueueBufferRef* outBuffer) {
+  if (size == 0 || size > kMaxBufferBytes) {
+    return kAudioQueueErr_InvalidParameter;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  if (buffers_.size() >= kMaxBuffers) {
+    return kAudioQueueErr_OutOfMemory;
+  }
+  auto record = std::make_unique<BufferRecord>();
+  std::unique_ptr<uint8_t[]> bytes(new uint8_t[size]());
+  void* slot = BufferHandleArena::instance().allocate();
+  if (slot == nullptr) {
+    return kAudioQueueErr_OutOfMemory;
+  }
+  auto* header = new (slot) AudioQueueBuffer{size, bytes.get(), 0};
+  record->header = header;
+  record->bytes = std::move(bytes);
+  try {
+    buffers_.emplace(header, std::move(record));
+  } catch (const std::bad_alloc&) {
+    BufferHandleArena::instance().release(slot);
+    throw;
+  }
+  *outBuffer = header;
+  return noErr;
+}
+
+OSStatus OutputQueue::enqueue(AudioQueueBufferRef buffer, uint32_t packetCount,
+                              const AudioStreamPacketDescription* packets) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  const auto found = buffers_.find(buffer);  // by address only: a foreign handle is never read
+  if (found == buffers_.end()) {
+    return kAudioQueueErr_InvalidBuffer;
+  }
+  BufferRecord& record = *found->second;
+  if (record.enqueued) {
+    return kAudioQueueErr_BufferInQueue;
+  }
+  const uint32_t size = buffer->mAudioDataByteSize;
+  if (size == 0) {
+    return kAudioQueueErr_BufferEmpty;
+  }
+  if (size > buffer->mAudioDataBytesCapacity) {
+    return kAudioQueueErr_InvalidParameter;
+  }
+  if (packetized_ != (packetCount > 0) || (packetCount > 0 && packets == nullptr) || packetCount > size) {
+    return kAudioQueueErr_InvalidParameter;
+  }
+  for (uint32_t i = 0; i < packetCount; ++i) {
+    const AudioStreamPacketDescription& packet = packets[i];
+    if (packet.mStartOffset < 0 || packet.mDataByteSize == 0 || uint64_t(packet.mStartOffset) > size ||
+        packet.mDataByteSize > size - uint64_t(packet.mStartOffset)) {
+      return kAudioQueueErr_InvalidParameter;
+    }
+  }
+  record.packets.assign(packets, packets + packetCount);
+  entries_.push_back(Entry{&record});
+  record.byteSize = size;
+  record.enqueued = true;
+  wakeup_.notify();
+  return noErr;
+}
+
+OSStatus OutputQueue::start() {
+  // The session is asked before mutex_ is taken: it has locks of its own.
+  if (AudioSession::sharedInstance().isInterrupted()) {
+    return kAudioSessionErr_Interrupted;
+  }
+  if (Application::sharedApplication().isInBackground()) {
+    return kAudioSessionErr_InBackground;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  if (!deviceStarted_) {
+    if (device_->start(playout_) != noErr) {
+      return kAudioQueueErr_DeviceFailed;
+    }
+    deviceStarted_ = true;
+  }
+  if (!running_) {
+    running_ = true;
+    ++run_;
+    playout_.endAt(Playout::kNoEnd);  // a finished drain's end, kept until now
+    events_.push_back(Event{nullptr});
+    if (firstStartNanos_ == 0) {
+      firstStartNanos_ = steadyNanos();
+    }
+  }
+  paused_ = false;
+  publishControl();
+  wakeup_.notify();
+  return noErr;
+}
+
+OSStatus OutputQueue::pause() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  paused_ = running_;
+  publishControl();
+  return noErr;
+}
+
+OSStatus OutputQueue::stop(bool immediate) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  if (!immediate) {
+    if (running_ && !draining_) {
+      draining_ = true;
+      entries_.push_back(Entry{nullptr});
+      wakeup_.notify();
+    }
+    return noErr;
+  }
+  // The callback thread may be rendering one of these buffers right now; they stay enqueued until
+  // it delivers their callbacks, and it drops what it rendered of them when it carries out the stop.
+  for (const Entry& entry : entries_) {
+    if (entry.record != nullptr) {
+      events_.push_back(Event{entry.record});
+    }
+  }
+  entries_.clear();
+  rendered_ = 0;
+  draining_ = false;
+  ++stopsRequested_;
+  if (running_) {
+    running_ = false;
+    events_.push_back(Event{nullptr});
+  }
+  paused_ = false;
+  publishControl();
+  wakeup_.notify();
+  return noErr;
+}
+
+void OutputQueue::dispose() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  disposed_ = true;
+  publishControl();
+  if (deviceStarted_) {
+    device_->stop();  // the sound output never waits for this queue's locks or callbacks
+  }
+  settled_.notify_all();
+  wakeup_.notify();
+}
+
+OSStatus OutputQueue::currentTime(AudioTimeStamp* outTime) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  if (firstStartNanos_ == 0) {
+    return kAudioQueueErr_NotStarted;
+  }
+  *outTime = AudioTimeStamp{};
+  outTime->mSampleTime = double(toStreamFrames(playout_.playedFrames()));
+  outTime->mFlags = kAudioTimeStampSampleTimeValid;
+  return noErr;
+}
+
+OSStatus OutputQueue::isRunning(uint32_t* outRunning) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  *outRunning = running_ ? 1 : 0;
+  return noErr;
+}
+
+OSStatus OutputQueue::addRunningListener(AudioQueuePropertyListenerProc listener, void* userData) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  const auto same = [&](const Listener& other) { return other.proc == listener && other.userData == userData; };
+  if (std::find_if(listeners_.begin(), listeners_.end(), same) != listeners_.end()) {
+    return noErr;
+  }
+  if (listeners_.size() >= kMaxListeners) {
+    return kAudioQueueErr_OutOfMemory;
+  }
+  listeners_.push_back(Listener{listener, userData});
+  return noErr;
+}
+
+OSStatus OutputQueue::setVolume(float volume) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  playout_.setVolume(volume);
+  return noErr;
+}
+
+OSStatus OutputQueue::counters(AudioQueueCounters* outCounters) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  outCounters->framesPlayed = toStreamFrames(playout_.playedFrames());
+  outCounters->underruns = playout_.underruns();
+  outCounters->silentFramesInserted = toStreamFrames(playout_.silentFrames());
+  const int64_t firstFrame = playout_.firstFrameNanos();
+  outCounters->firstFrameLatency = firstFrame != 0 ? double(firstFrame - firstStartNanos_) / 1e9 : -1.0;
+  outCounters->undecodablePackets = renderer_.failedPackets();
+  return noErr;
+}
+
+OSStatus OutputQueue::advanceManualOutput(uint32_t frames, std::vector<int16_t>* heard) {
+  auto* manual = dynamic_cast<ManualDevice*>(device_.get());
+  if (manual == nullptr) {
+    return kAudioQueueErr_InvalidParameter;
+  }
+  uint32_t done = 0;
+  do {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (std::this_thread::get_id() != callbackThread_) {
+        const uint64_t ticket = ++settleTicket_;
+        wakeup_.notify();
+        settled_.wait(lock, [&] { return disposed_ || settledTicket_ >= ticket; });
+      }
+      if (disposed_) {
+        return kAudioQueueErr_InvalidQueue;
+      }
+    }
+    const uint32_t count = std::min(frames - done, manual->periodFrames());
+    manual->pull(count, heard);
+    done += count;
+  } while (done < frames);
+  return noErr;
+}
+
+void OutputQueue::publishControl() {
+  playout_.publishControl(run_, !disposed_ && running_ && !paused_ && stopsApplied_ == stopsRequested_);
+}
+
+uint64_t OutputQueue::toStreamFrames(uint64_t outputFrames) const {
+  if (outputRate_ == streamRate_) {
+    return outputFrames;
+  }
+  return uint64_t(double(outputFrames) * streamRate_ / outputRate_);
+}

@@ -1,0 +1,147 @@
+// One output queue: its buffers, the order in which they play, its running state, its sound
+// output, and the callback thread that renders buffers into the ring and calls the client back.
+//
+// States ("running" is the IsRunning property; each change of it queues a listener call):
+//   stopped --start--> running --pause--> paused --start--> running
+//   running or paused --stop(false)--> draining: the buffers enqueued so far still play
+//   draining --its last frame heard--> stopped
+//   any --stop(true)--> stopped; the buffers not played yet come back through the callback
+//   any --dispose--> disposed: every call fails, no callback starts any more, the callback thread
+//                    ends after the callback in progress and releases everything.
+// Buffers enqueued after a drain began play on the next start.
+//
+// Synchronisation. Everything under "guarded by mutex_" is changed by the API calls (any thread)
+// and by the callback thread, always under mutex_; no callback and no rendering runs under it.
+// The callback thread alone renders (outside mutex_) into the ring. It reads a buffer's bytes only
+// while the buffer is enqueued, and a buffer stops being enqueued only on that thread, right before
+// its callback, so no API call rewrites a buffer that is being rendered. The sound output sees
+// only the ring and the Playout's atomics.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "Audio/Platform/AudioQueue.h"
+#include "Audio/Platform/OutputQueue/OutputDevice.h"
+#include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "Audio/Platform/OutputQueue/PcmRing.h"
+#include "Audio/Platform/OutputQueue/Playout.h"
+#include "Audio/Platform/OutputQueue/StreamRenderer.h"
+#include "Audio/Platform/OutputQueue/Wakeup.h"
+
+class OutputQueue {
+ public:
+  // Opens the sound output and starts the callback thread. `format` has passed CheckStreamFormat.
+  // Returns null and sets *status on failure. Any thread.
+  static std::shared_ptr<OutputQueue> create(AudioQueueRef handle, const AudioStreamBasicDescription& format,
+                                             AudioQueueOutputCallback callback, void* userData, OSStatus* status);
+  ~OutputQueue();
+  OutputQueue(const OutputQueue&) = delete;
+  OutputQueue& operator=(const OutputQueue&) = delete;
+
+  // The operations behind AudioQueue.h and OutputDevices.h, with their arguments' form checked.
+  // Each runs on any thread, the callback thread included, never waits for a callback (but
+  // advanceManualOutput, see OutputDevices.h), and fails with kAudioQueueErr_InvalidQueue once the
+  // queue is disposed.
+  OSStatus allocateBuffer(uint32_t size, AudioQueueBufferRef* outBuffer);
+  OSStatus enqueue(AudioQueueBufferRef buffer, uint32_t packetCount, const AudioStreamPacketDescription* packets);
+  OSStatus start();
+  OSStatus pause();
+  OSStatus stop(bool immediate);
+  // Silences and stops the sound output and returns; the callback thread winds down on its own.
+  void dispose();
+  OSStatus currentTime(AudioTimeStamp* outTime);
+  OSStatus isRunning(uint32_t* outRunning);
+  OSStatus addRunningListener(AudioQueuePropertyListenerProc listener, void* userData);
+  OSStatus setVolume(float volume);
+  OSStatus counters(AudioQueueCounters* outCounters);
+  OSStatus advanceManualOutput(uint32_t frames, std::vector<int16_t>* heard);
+
+ private:
+  struct BufferRecord {
+    AudioQueueBuffer* header;  // the client's handle, in BufferHandleArena
+    std::unique_ptr<uint8_t[]> bytes;
+    uint32_t byteSize = 0;     // as enqueued
+    std::vector<AudioStreamPacketDescription> packets;  // as enqueued; empty for PCM
+    bool enqueued = false;
+  };
+  // A buffer to play, or (record null) the end of a drain.
+  struct Entry {
+    BufferRecord* record;
+    uint64_t end = 0;  // ring position after its last frame, once rendered
+  };
+  // A callback to deliver: a buffer coming back, or (record null) a running-state change.
+  struct Event {
+    BufferRecord* record;
+  };
+  struct Listener {
+    AudioQueuePropertyListenerProc proc;
+    void* userData;
+  };
+
+  OutputQueue(AudioQueueRef handle, const AudioStreamBasicDescription& format, AudioQueueOutputCallback callback,
+              void* userData, std::unique_ptr<OutputDevice> device, OSStatus* status);
+
+  // Caller holds mutex_.
+  void publishControl();
+  // Caller holds mutex_: frames of the sound output to frames of the stream.
+  uint64_t toStreamFrames(uint64_t outputFrames) const;
+
+  // --- the callback thread (OutputQueueThread.cpp) ---
+  void runCallbackThread();
+  // Caller holds mutex_. Each does its part of one round of the thread's loop.
+  void applyImmediateStop();
+  void collectPlayedEntries(uint64_t readPosition);
+  void finishDrain();
+  void advanceRenderCursor();
+  uint64_t wakeThreshold() const;
+  // Without mutex_.
+  bool renderStep();
+  void deliver(const Event& event);
+
+  const AudioQueueRef handle_;
+  const AudioQueueOutputCallback callback_;
+  void* const userData_;
+  const bool packetized_;  // MP3: every buffer comes with packet descriptions
+  const uint32_t streamRate_;
+  const uint32_t outputRate_;
+  Wakeup wakeup_;
+  PcmRing ring_;
+  Playout playout_;
+  StreamRenderer renderer_;
+  std::unique_ptr<OutputDevice> device_;
+
+  // --- the callback thread's own ---
+  // What entries_[rendered_] is going through: a buffer read piece by piece, or a drain's end
+  // (the stream is to be finished, then has been, and the entry is done once the staged frames
+  // are in the ring).
+  enum class Rendering { Nothing, Buffer, StreamToFinish, StreamFinished } rendering_ = Rendering::Nothing;
+  RenderCursor cursor_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable settled_;  // signals settledTicket_
+  // --- guarded by mutex_ ---
+  bool disposed_ = false;
+  bool running_ = false;
+  bool paused_ = false;
+  bool draining_ = false;
+  bool deviceStarted_ = false;
+  uint32_t run_ = 0;                 // runs started; a run begins with each start from stopped
+  int64_t firstStartNanos_ = 0;      // steady clock; 0 before the first start
+  uint64_t stopsRequested_ = 0;      // immediate stops asked for
+  uint64_t stopsApplied_ = 0;        // immediate stops the callback thread has carried out
+  std::unordered_map<AudioQueueBuffer*, std::unique_ptr<BufferRecord>> buffers_;
+  std::deque<Entry> entries_;        // to play, in order
+  size_t rendered_ = 0;              // entries_ before this index are in the ring
+  std::deque<Event> events_;         // to deliver, in order
+  std::vector<Listener> listeners_;
+  std::thread::id callbackThread_;
+  uint64_t settleTicket_ = 0;        // waits for the callback thread to settle, asked for
+  uint64_t settledTicket_ = 0;       // and answered
+};

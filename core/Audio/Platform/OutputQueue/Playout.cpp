@@ -1,0 +1,156 @@
+#include "Audio/Platform/OutputQueue/Playout.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+
+Playout::Playout(PcmRing& ring, uint32_t fadeFrames, Wakeup& wakeup)
+    : ring_(ring),
+      wakeup_(wakeup),
+      fadeFrames_(std::max<uint32_t>(fadeFrames, 1)),
+      step_(1.0f / float(fadeFrames_)),
+      envelope_(fadeFrames_) {}
+
+void Playout::publishControl(uint32_t run, bool playing) {
+  control_.store(run << 1 | uint32_t(playing), std::memory_order_release);
+}
+
+void Playout::discardBefore(uint64_t position) {
+  discardBefore_.store(position, std::memory_order_release);
+  discards_.fetch_add(1, std::memory_order_release);
+}
+
+void Playout::endAt(uint64_t position) { endAt_.store(position, std::memory_order_release); }
+
+size_t Playout::render(int16_t* out, size_t frames) noexcept {
+  // A consistent view of the control side. It stores a discard before it lets a run play, bumps
+  // discards_ after storing the position, stores an end before it writes the frames after it, and
+  // writes a new run's frames only after all that; hence this load order. The control word is read
+  // again at the end: a stop or a new run in between changes it (a run that stops never plays
+  // again), and then the view is taken anew, or the period stays silent if it keeps changing.
+  uint32_t control = 0;
+  uint64_t written = 0;
+  uint32_t discards = 0;
+  uint64_t discardBefore = 0;
+  uint64_t end = 0;
+  for (int attempt = 0;; ++attempt) {
+    control = control_.load(std::memory_order_acquire);
+    written = ring_.writePosition();
+    discards = discards_.load(std::memory_order_acquire);
+    discardBefore = discardBefore_.load(std::memory_order_acquire);
+    end = endAt_.load(std::memory_order_acquire);
+    if (control_.load(std::memory_order_acquire) == control) {
+      break;
+    }
+    if (attempt == 2) {
+      control &= ~1u;
+      break;
+    }
+  }
+  const float volume = volume_.load(std::memory_order_relaxed);
+  const uint64_t readBefore = ring_.readPosition();
+
+  if (control >> 1 != run_) {
+    run_ = control >> 1;
+    flowing_ = dry_ = ended_ = gainSet_ = false;
+    envelope_ = fadeFrames_;
+  }
+  const bool playing = (control & 1) != 0 && !ended_;
+  const bool newDiscard = discards != discardsSeen_;
+  size_t done = 0;
+  size_t heard = 0;
+
+  // Fade out what was heard when the run stopped playing, on the frames that were to come next;
+  // after a new discard only on the stale ones, which were what was playing.
+  if (!playing && flowing_ && envelope_ > 0) {
+    uint64_t limit = std::min(written, end);
+    if (newDiscard) {
+      limit = std::min(limit, std::max(discardBefore, readBefore));
+    }
+    done = std::min({frames, size_t(envelope_), size_t(limit - readBefore)});
+    play(out, done, false, volume);
+    if (ring_.readPosition() == limit) {
+      envelope_ = 0;  // nothing left to fade on
+    }
+    heard = done;
+  }
+  const bool fading = !playing && flowing_ && envelope_ > 0;
+
+  if (!fading) {
+    const uint64_t read = ring_.readPosition();
+    if (read < discardBefore) {
+      ring_.skip(size_t(std::min(discardBefore, written) - read));
+    }
+    discardsSeen_ = discards;
+  }
+
+  while (playing && done < frames) {
+    const uint64_t read = ring_.readPosition();
+    if (read == end) {
+      ended_ = true;
+      break;
+    }
+    const uint64_t available = std::min(written, end) - read;
+    if (available > 0) {
+      const size_t count = size_t(std::min<uint64_t>(available, frames - done));
+      play(out + done * ring_.channels(), count, true, volume);
+      done += count;
+      heard = done;
+      dry_ = false;
+      ended_ = ring_.readPosition() == end;
+      continue;
+    }
+    if (flowing_) {
+      if (!dry_) {
+        dry_ = true;
+        underruns_.fetch_add(1, std::memory_order_relaxed);
+      }
+      silent_.fetch_add(frames - done, std::memory_order_relaxed);
+      heard = frames;  // the gap is heard as silence
+    }
+    break;
+  }
+
+  std::memset(out + done * ring_.channels(), 0, (frames - done) * ring_.channels() * sizeof(int16_t));
+  const uint64_t readAfter = ring_.readPosition();
+  if (readAfter != readBefore && readAfter >= wakeAt_.load(std::memory_order_seq_cst)) {
+    wakeup_.notify();
+  }
+  return heard;
+}
+
+void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
+  if (frames == 0) {
+    return;
+  }
+  ring_.read(out, frames);
+  countHeard(frames);
+  if (!gainSet_) {
+    gain_ = volume;
+    gainSet_ = true;
+  }
+  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume && volume == 1.0f) {
+    return;  // heard exactly as enqueued
+  }
+  const uint32_t channels = ring_.channels();
+  for (size_t frame = 0; frame < frames; ++frame) {
+    envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
+    gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
+    const float level = float(envelope_) / float(fadeFrames_) * gain_;
+    for (uint32_t channel = 0; channel < channels; ++channel) {
+      int16_t& sample = out[frame * channels + channel];
+      sample = int16_t(std::clamp(std::lrint(float(sample) * level), -32768L, 32767L));
+    }
+  }
+}
+
+void Playout::countHeard(size_t frames) {
+  if (!flowing_ && firstFrameNanos_.load(std::memory_order_relaxed) == 0) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    firstFrameNanos_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
+                           std::memory_order_relaxed);
+  }
+  flowing_ = true;
+  played_.fetch_add(frames, std::memory_order_relaxed);
+}

@@ -1,0 +1,93 @@
+// The consumer side of a queue's ring: decides, period by period, what the sound output hears.
+//
+// Everything accessed in render() is synchronised only through atomics. The control side (the
+// queue's API calls and its callback thread, serialised by the queue's mutex) publishes the control
+// word, the discard and end positions and the volume; render() publishes the read position
+// (through the ring) and the counters, and bumps the queue's Wakeup when the read position reaches
+// the threshold the queue's thread asked for.
+//
+// What is heard, within one run (a run begins with each start from stopped):
+//   nothing until the run's first frame is in the ring (start latency, not an underrun);
+//   then the ring's frames, at the volume; a ring that runs dry while the run plays is heard as
+//   silence and counted (an underrun, and its silent frames);
+//   pausing or stopping fades out over the fade length, on real frames, then nothing is heard;
+//   resuming within the run fades back in; a new run starts at full level, so that its first
+//   frames are heard exactly as enqueued;
+//   a drain ends the run at the end position, with nothing heard after it; the control side keeps
+//   that end position until it starts the next run.
+// Frames below the discard position (what an immediate stop threw away) are skipped unheard,
+// except those the stop's fade-out plays.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+
+#include "Audio/Platform/OutputQueue/OutputDevice.h"
+#include "Audio/Platform/OutputQueue/PcmRing.h"
+#include "Audio/Platform/OutputQueue/Wakeup.h"
+
+class Playout final : public RenderSource {
+ public:
+  static constexpr uint64_t kNoEnd = std::numeric_limits<uint64_t>::max();
+
+  Playout(PcmRing& ring, uint32_t fadeFrames, Wakeup& wakeup);
+
+  // Control side, under the queue's mutex: the current run and whether it plays now. A run that
+  // does not play (paused, stopped, or waiting for the discard of an immediate stop) is silent.
+  void publishControl(uint32_t run, bool playing);
+  // Control side, under the queue's mutex: every frame below `position` is stale. Each call is a
+  // new discard; no frame above `position` may have been written before the call.
+  void discardBefore(uint64_t position);
+  // Control side, under the queue's mutex: the running drain ends at `position` (kNoEnd: none).
+  void endAt(uint64_t position);
+  // Any thread: the linear gain, 0 to 1.
+  void setVolume(float volume) { volume_.store(volume, std::memory_order_relaxed); }
+  // Queue's thread: bump the Wakeup once the read position reaches `position`.
+  void wakeWhenReadReaches(uint64_t position) { wakeAt_.store(position, std::memory_order_seq_cst); }
+
+  // Device thread; real-time safe.
+  size_t render(int16_t* out, size_t frames) noexcept override;
+
+  // Any thread: counters in frames of the ring (the sound output's rate).
+  uint64_t playedFrames() const { return played_.load(std::memory_order_relaxed); }
+  uint64_t underruns() const { return underruns_.load(std::memory_order_relaxed); }
+  uint64_t silentFrames() const { return silent_.load(std::memory_order_relaxed); }
+  // Any thread: steady-clock time of the first frame ever heard, 0 before it.
+  int64_t firstFrameNanos() const { return firstFrameNanos_.load(std::memory_order_relaxed); }
+
+ private:
+  // Device thread: copy `frames` frames from the ring into out at the current level, stepping the
+  // fade envelope one frame towards full (fadeIn) or silent, and the gain towards `volume`.
+  void play(int16_t* out, size_t frames, bool fadeIn, float volume);
+  void countHeard(size_t frames);
+
+  PcmRing& ring_;
+  Wakeup& wakeup_;
+  const uint32_t fadeFrames_;
+  const float step_;  // gain change per frame: full scale over the fade length
+
+  // --- published by the control side ---
+  std::atomic<uint32_t> control_{0};  // run << 1 | playing
+  std::atomic<uint64_t> discardBefore_{0};
+  std::atomic<uint32_t> discards_{0};  // bumped after each discardBefore_ store
+  std::atomic<uint64_t> endAt_{kNoEnd};
+  std::atomic<float> volume_{1.0f};
+  std::atomic<uint64_t> wakeAt_{kNoEnd};
+
+  // --- published by render() ---
+  std::atomic<uint64_t> played_{0};
+  std::atomic<uint64_t> underruns_{0};
+  std::atomic<uint64_t> silent_{0};
+  std::atomic<int64_t> firstFrameNanos_{0};
+
+  // --- render()'s own ---
+  uint32_t run_ = 0;
+  uint32_t discardsSeen_ = 0;
+  bool flowing_ = false;  // a frame of this run has been heard
+  bool dry_ = false;      // the ring is empty while the run plays
+  bool ended_ = false;    // the run's drain has ended
+  uint32_t envelope_;  // frames of fade from silent: fadeFrames_ is full level
+  float gain_ = 1.0f;
+  bool gainSet_ = false;
+};

@@ -1,0 +1,179 @@
+// Shared by the OutputQueue*_test.cpp and OutputDevices_test.cpp files: a queue on a chosen sound
+// output with a log of its callbacks, and helpers for PCM test signals.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Audio/Platform/AudioQueue.h"
+#include "Audio/Platform/OutputQueue/OutputDevices.h"
+
+namespace output_queue_test {
+
+// Waits that take longer than this have failed; the test reports it instead of hanging.
+constexpr auto kDeadline = std::chrono::seconds(20);
+
+inline AudioStreamBasicDescription PcmFormat(double rate, uint32_t channels = 1) {
+  return {rate, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
+          2 * channels, 1, 2 * channels, channels, 16, 0};
+}
+
+inline AudioStreamBasicDescription Mp3Format(double rate, uint32_t channels) {
+  return {rate, kAudioFormatMPEGLayer3, 0, 0, rate > 24000 ? 1152u : 576u, 0, channels, 0, 0};
+}
+
+// Samples first, first + 1, ... : any lost, repeated or reordered sample shows.
+inline std::vector<int16_t> Ramp(size_t samples, int16_t first = 1) {
+  std::vector<int16_t> ramp(samples);
+  for (size_t i = 0; i < samples; ++i) {
+    ramp[i] = int16_t(first + int16_t(i % 20000));
+  }
+  return ramp;
+}
+
+inline std::vector<uint8_t> BytesOf(const std::vector<int16_t>& samples) {
+  std::vector<uint8_t> bytes(samples.size() * 2);
+  std::memcpy(bytes.data(), samples.data(), bytes.size());
+  return bytes;
+}
+
+// What a queue's callbacks reported, in order: a returned buffer, or (buffer null) a running-state
+// change with the IsRunning value the listener read.
+struct Callback {
+  AudioQueueBufferRef buffer;
+  uint32_t running;
+  bool operator==(const Callback&) const = default;
+};
+inline Callback Returned(AudioQueueBufferRef buffer) { return {buffer, 0}; }
+inline Callback RunningIs(uint32_t running) { return {nullptr, running}; }
+inline void PrintTo(const Callback& callback, std::ostream* out) {
+  if (callback.buffer != nullptr) {
+    *out << "returned " << callback.buffer;
+  } else {
+    *out << "running=" << callback.running;
+  }
+}
+
+class CallbackLog {
+ public:
+  static void BufferDone(void* self, AudioQueueRef, AudioQueueBufferRef buffer) {
+    static_cast<CallbackLog*>(self)->add({buffer, 0});
+  }
+  static void RunningChanged(void* self, AudioQueueRef queue, AudioQueuePropertyID id) {
+    uint32_t running = 99;
+    uint32_t size = sizeof running;
+    EXPECT_EQ(AudioQueueGetProperty(queue, id, &running, &size), noErr);
+    static_cast<CallbackLog*>(self)->add({nullptr, running});
+  }
+
+  std::vector<Callback> callbacks() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return callbacks_;
+  }
+  // Waits until the queue has reported itself stopped; false after the deadline.
+  bool waitUntilStopped() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kDeadline, [&] {
+      return !callbacks_.empty() && callbacks_.back() == RunningIs(0);
+    });
+  }
+
+ private:
+  void add(Callback callback) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    callbacks_.push_back(callback);
+    changed_.notify_all();
+  }
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Callback> callbacks_;
+};
+
+// A queue on the sound output named by `output`, with a CallbackLog registered for both callbacks;
+// disposed, and waited for, at the end of the test.
+class TestQueue {
+ public:
+  explicit TestQueue(const AudioStreamBasicDescription& format, const std::string& output = "manual",
+                     double speed = 1.0) {
+    EXPECT_EQ(AudioOutputSelect(output, speed), noErr);
+    EXPECT_EQ(AudioQueueNewOutput(&format, &CallbackLog::BufferDone, &log_, nullptr, nullptr, 0, &queue_), noErr);
+    EXPECT_EQ(AudioQueueAddPropertyListener(queue_, kAudioQueueProperty_IsRunning, &CallbackLog::RunningChanged, &log_),
+              noErr);
+  }
+  ~TestQueue() {
+    AudioQueueDispose(queue_, true);
+    EXPECT_TRUE(AudioQueueWaitForReleases(std::chrono::duration<double>(kDeadline).count()));
+  }
+  TestQueue(const TestQueue&) = delete;
+  TestQueue& operator=(const TestQueue&) = delete;
+
+  AudioQueueRef handle() const { return queue_; }
+  CallbackLog& log() { return log_; }
+
+  // Allocates a buffer holding `bytes` and enqueues it with `packets` (none for PCM).
+  AudioQueueBufferRef enqueue(const uint8_t* bytes, size_t size,
+                              const std::vector<AudioStreamPacketDescription>& packets = {}) {
+    AudioQueueBufferRef buffer = nullptr;
+    EXPECT_EQ(AudioQueueAllocateBuffer(queue_, uint32_t(size), &buffer), noErr);
+    std::memcpy(buffer->mAudioData, bytes, size);
+    buffer->mAudioDataByteSize = uint32_t(size);
+    EXPECT_EQ(AudioQueueEnqueueBuffer(queue_, buffer, uint32_t(packets.size()), packets.empty() ? nullptr : packets.data()),
+              noErr);
+    return buffer;
+  }
+  AudioQueueBufferRef enqueue(const std::vector<int16_t>& samples) {
+    const std::vector<uint8_t> bytes = BytesOf(samples);
+    return enqueue(bytes.data(), bytes.size());
+  }
+
+  // Moves the manual clock; returns what was heard.
+  std::vector<int16_t> advance(uint32_t frames) {
+    std::vector<int16_t> heard;
+    EXPECT_EQ(AudioOutputManualAdvance(queue_, frames, &heard), noErr);
+    return heard;
+  }
+  // Moves the manual clock until the queue reports itself stopped; returns what was heard.
+  std::vector<int16_t> advanceUntilStopped(uint32_t step = 4096) {
+    std::vector<int16_t> heard;
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    while (!(log_.callbacks().size() > 0 && log_.callbacks().back() == RunningIs(0))) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        ADD_FAILURE() << "the queue never stopped";
+        break;
+      }
+      EXPECT_EQ(AudioOutputManualAdvance(queue_, step, &heard), noErr);
+    }
+    return heard;
+  }
+
+  double sampleTime() {
+    AudioTimeStamp time{};
+    EXPECT_EQ(AudioQueueGetCurrentTime(queue_, nullptr, &time, nullptr), noErr);
+    return time.mSampleTime;
+  }
+  AudioQueueCounters counters() {
+    AudioQueueCounters counters;
+    EXPECT_EQ(AudioQueueGetCounters(queue_, &counters), noErr);
+    return counters;
+  }
+  uint32_t isRunning() {
+    uint32_t running = 99;
+    uint32_t size = sizeof running;
+    EXPECT_EQ(AudioQueueGetProperty(queue_, kAudioQueueProperty_IsRunning, &running, &size), noErr);
+    return running;
+  }
+
+ private:
+  CallbackLog log_;
+  AudioQueueRef queue_ = nullptr;
+};
+
+}  // namespace output_queue_test
