@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
-#include "Audio/Platform/OutputQueue/PortAudioDevice.h"
+#include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "BadInput.h"
 #include "Diagnostics/qen_log.h"

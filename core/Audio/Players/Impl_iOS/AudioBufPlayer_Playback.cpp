@@ -27,6 +27,7 @@ void AudioBufPlayer::beginPlaying() {
       LOG_ERROR("Can't switch sentence while audio is in interrupt!");
       setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
       NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_INTERRUPT);
+      keepListeningForInterruptionEnd();
     } else if (status == kAudioSessionErr_InBackground) {
       LOG_ERROR("Can't begin playback while in background!");
       setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
@@ -57,6 +58,16 @@ void AudioQueueIsRunningCb(void* pSelf, AudioQueueRef inAQ, AudioQueuePropertyID
     std::lock_guard lock(player->playerStatusMutex);
     player->AudioQueue_newRunningState(inAQ, isRunning);
   });
+}
+
+// Closing the refused start's session use ended the subscriptions, but only the end of the
+// interruption can lift this hold: a managing player stays subscribed until its next use closes.
+void AudioBufPlayer::keepListeningForInterruptionEnd() {
+  std::lock_guard lock(objectLock);
+  if (AVSessionManagmentEnabled() && !isListeningInterruptions) {
+    isListeningInterruptions = true;
+    subscribeToSessionNotifications();
+  }
 }
 
 // Running-state task; caller holds playerStatusMutex.

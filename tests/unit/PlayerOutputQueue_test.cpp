@@ -1,0 +1,62 @@
+// Plan: opening the output queue. Each failing platform call of the opening is reported with its
+// status and leaves the right queue behind; a failed buffer allocation keeps the slots allocated
+// before it and the opening goes on.
+// Not here: the volume at opening and disposal on a new format (transport and stream tests),
+// filling and returning buffers (buffer pool tests), starting (playback tests). That the listener
+// failure resets the queue before reporting cannot be seen: the report is posted.
+#include "unit/PlayerTestFixture.h"
+
+namespace {
+
+using Peer = AudioBufPlayerTestPeer;
+
+AudioStreamBasicDescription pcm16k() {
+  return AudioStreamBasicDescription{
+      16000.0, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2, 1, 2, 1, 16, 0};
+}
+
+std::string failure(const char* call, OSStatus status) {
+  return std::string(call) + " returned error " + std::to_string(status) + " (" + FourCCText(status).data() + ")";
+}
+
+TEST_F(PlayerTest, FailedOpeningCallIsReportedWithItsStatus) {
+  struct Case { const char* call; OSStatus status; size_t disposals; };
+  for (const Case& c : {Case{"AudioQueueNewOutput", kAudioQueueErr_UnsupportedFormat, 0},
+                        Case{"AudioQueueAddPropertyListener", kAudioQueueErr_InvalidProperty, 1}}) {
+    SCOPED_TRACE(c.call);
+    startOver();
+    player->setDelegate(delegate);
+    fake::failCall(c.call, c.status);
+    CapturedLog log;
+    EXPECT_EQ(peer().openAudioQueue(pcm16k()), c.status);
+    EXPECT_EQ(peer().audioQueue(), nullptr);
+    EXPECT_EQ(fake::countCalls("AudioQueueDispose q=1 immediate=1"), c.disposals);
+    EXPECT_EQ(log.count("[ERROR]["), 1u);
+    EXPECT_EQ(log.count("]Err at -[AudioBufPlayer openAudioQueueWithDescription:] "), 1u);
+    const std::vector<DelegateEvent> events = deliveredEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].error, AudioBufPlayerError_FAILED_OPEN_DEVICE);
+    EXPECT_EQ(events[0].description, failure(c.call, c.status));
+  }
+}
+
+TEST_F(PlayerTest, FailedAllocationOfSlot5KeepsSlots0To4AndOpensAnyway) {
+  player->setDelegate(delegate);
+  fake::failCall("AudioQueueAllocateBuffer", kAudioQueueErr_OutOfMemory, 6);
+  EXPECT_EQ(peer().openAudioQueue(pcm16k()), noErr);
+
+  EXPECT_EQ(fake::countCalls("AudioQueueAllocateBuffer"), 6u);
+  EXPECT_EQ(fake::countCalls("AudioQueueAddPropertyListener q=1 prop=aqrn"), 1u);
+  const auto free = peer().freeBuffers();
+  const auto buffers = peer().buffers();
+  for (size_t slot = 0; slot < AudioBufPlayer::kNumberOfBuffers; ++slot) {
+    EXPECT_EQ(free[slot], slot < 5) << "slot " << slot;
+    EXPECT_EQ(buffers[slot] != nullptr, slot < 5) << "slot " << slot;
+  }
+  const std::vector<DelegateEvent> events = deliveredEvents();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].error, AudioBufPlayerError_ALLOC_FAIL);
+  EXPECT_EQ(events[0].description, failure("AudioQueueAllocateBuffer", kAudioQueueErr_OutOfMemory));
+}
+
+}  // namespace

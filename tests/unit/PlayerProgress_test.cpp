@@ -1,0 +1,88 @@
+// Plan: the progress poll after each played buffer. The run-out edge against 2.0 s received (1.75 s
+// reports only; 1.7501 s stops the queue after what it holds, sets PS_ENDING and announces the end
+// before the progress, and again at every later poll), at the stream's own rate, with the offset
+// added to reported positions only; a failing time query or a poll without a request reports
+// nothing.
+// Not here: how the received length is counted (packing tests) and what the queue's stop leads to
+// (playback tests). Polls run on the fake queue's callback thread and the test waits for them.
+#include "unit/PlayerTestFixture.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr uint16_t kPlaying = AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUEUE_STARTED;
+
+// Two seconds of PCM at the rate of format.
+std::vector<uint8_t> twoSeconds(QEN_TTS::Audio::AudioPlayerAudioFormats format) {
+  return testBytes(format == QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM8K ? 32000 : 64000);
+}
+
+// The progress poll's reports, in the order the delegate received them.
+std::vector<DelegateEvent> pollReports(const RecordingDelegate& delegate) {
+  std::vector<DelegateEvent> reports;
+  for (const DelegateEvent& event : delegate.events()) {
+    if (event.name == "aboutToEnd" || event.name == "playProgressChanged") reports.push_back(event);
+  }
+  return reports;
+}
+
+TEST_F(PlayerTest, PollReportsThePositionAndEndsTheSentenceWithinAQuarterSecondOfTheReceivedAudio) {
+  struct Case { const char* what; Format format; double sampleTime; double offset; bool ends; double reported; };
+  const Case cases[] = {
+      {"0.25 s left", kPCM16K, 28000, 0.0, false, 1.75},
+      {"less than 0.25 s left", kPCM16K, 28001.6, 0.0, true, 1.7501},
+      {"offset only in the report", kPCM16K, 19200, 3.0, false, 4.2},
+      {"offset not in the run-out test", kPCM16K, 28001.6, 3.0, true, 4.7501},
+      {"16000 Hz stream", kPCM16K, 8000, 0.0, false, 0.5},
+      {"8000 Hz stream", kPCM8K, 8000, 0.0, false, 1.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    startOver();
+    ASSERT_EQ(play(twoSeconds(c.format), c.format, c.offset), AudioBufPlayerError_OK);
+    auto queue = fake::lastQueue();
+    queue.setSampleTime(c.sampleTime);
+    // Past the run-out point every poll announces the end again; the bit is already set.
+    ASSERT_TRUE(queue.playBack());
+    ASSERT_TRUE(queue.playBack());
+
+    EXPECT_EQ(fake::countCalls("AudioQueueStop q=1 immediate=0"), c.ends ? 2u : 0u);
+    EXPECT_EQ(peer().status(), kPlaying | (c.ends ? AudioBufPlayer::PS_ENDING : 0));
+    Lines names;
+    for (const DelegateEvent& report : pollReports(*delegate)) names.push_back(report.name);
+    EXPECT_EQ(names, (c.ends ? Lines{"aboutToEnd", "playProgressChanged", "aboutToEnd", "playProgressChanged"}
+                             : Lines{"playProgressChanged", "playProgressChanged"}));
+    const DelegateEvent progress = pollReports(*delegate).back();
+    EXPECT_NEAR(progress.seconds, c.reported, 1e-9);
+    EXPECT_EQ(progress.player, player.get());
+  }
+}
+
+TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {
+  struct Case { const char* what; std::function<void()> prepare; size_t timeQueries; size_t debugLines; };
+  const std::string failed =
+      "call AudioQueueGetCurrentTime returned: " + std::to_string(kAudioQueueErr_DeviceFailed) + " ignore value";
+  const Case cases[] = {
+      {"time query fails", [] { fake::failCall("AudioQueueGetCurrentTime", kAudioQueueErr_DeviceFailed); }, 1, 1},
+      // An empty first chunk ends the request and leaves its queue playing.
+      {"no request", [this] { ASSERT_EQ(play({}, kPCM16K), AudioBufPlayerError_OK); }, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    startOver();
+    ASSERT_EQ(play(twoSeconds(kPCM16K), kPCM16K), AudioBufPlayerError_OK);
+    auto queue = fake::lastQueue();
+    queue.setSampleTime(31000);
+    c.prepare();
+    CapturedLog log;
+    ASSERT_TRUE(queue.playBack());
+    EXPECT_EQ(fake::countCalls("AudioQueueGetCurrentTime"), c.timeQueries);
+    EXPECT_EQ(fake::countCalls("AudioQueueStop"), 0u);
+    EXPECT_EQ(log.countLines("DEBUG", failed), c.debugLines);
+    EXPECT_EQ(log.count("current playtime"), 0u);
+    EXPECT_TRUE(pollReports(*delegate).empty());
+  }
+}
+
+}  // namespace
