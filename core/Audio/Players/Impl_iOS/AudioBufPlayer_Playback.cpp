@@ -1,6 +1,7 @@
 // Starting the output queue after a request's first buffer, and following its running state to the
 // end of the sentence. The queue's callbacks only post tasks; the tasks take playerStatusMutex and
 // ignore a queue that is no longer the current one.
+#include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/Dispatch.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
@@ -26,8 +27,13 @@ void AudioBufPlayer::beginPlaying() {
     if (status == kAudioSessionErr_Interrupted) {
       LOG_ERROR("Can't switch sentence while audio is in interrupt!");
       setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
+      const bool listening = keepListeningForInterruptionEnd();
       NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_INTERRUPT);
-      keepListeningForInterruptionEnd();
+      if (listening && !AudioSession::sharedInstance().isInterrupted()) {
+        // It ended before the player listened again: its notification will not come.
+        clearStatus(PS_INTERRUPTED);
+        resumeIfNeeded();
+      }
     } else if (status == kAudioSessionErr_InBackground) {
       LOG_ERROR("Can't begin playback while in background!");
       setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
@@ -62,12 +68,15 @@ void AudioQueueIsRunningCb(void* pSelf, AudioQueueRef inAQ, AudioQueuePropertyID
 
 // Closing the refused start's session use ended the subscriptions, but only the end of the
 // interruption can lift this hold: a managing player stays subscribed until its next use closes.
-void AudioBufPlayer::keepListeningForInterruptionEnd() {
+// Returns whether the player listens.
+bool AudioBufPlayer::keepListeningForInterruptionEnd() {
   std::lock_guard lock(objectLock);
-  if (AVSessionManagmentEnabled() && !isListeningInterruptions) {
+  if (!AVSessionManagmentEnabled()) return false;
+  if (!isListeningInterruptions) {
     isListeningInterruptions = true;
     subscribeToSessionNotifications();
   }
+  return true;
 }
 
 // Running-state task; caller holds playerStatusMutex.
