@@ -105,9 +105,11 @@ void LiveDisplay::summarize(const std::vector<SentenceRecord>& sentences, double
   double played = 0;
   int pauses = 0;
   int finished = 0;
+  uint64_t underruns = 0;
   for (const SentenceRecord& sentence : sentences) {
     played += sentence.played;
     pauses += sentence.pauses;
+    underruns += sentence.underruns;
     if (sentence.end == SentenceRecord::End::Finished) ++finished;
   }
   std::string summary = std::to_string(finished) + " of " + std::to_string(sentences.size()) + " finished: " +
@@ -115,7 +117,7 @@ void LiveDisplay::summarize(const std::vector<SentenceRecord>& sentences, double
   if (!sentences.empty() && sentences.front().firstAudioAfter) {
     summary += Format(", first audio after %.0f ms", *sentences.front().firstAudioAfter * 1000);
   }
-  summary += ", " + Plural(pauses, "pause");
+  summary += ", " + Plural(pauses, "pause") + ", " + Plural(int(underruns), "underrun");
   const std::string refused = RefusedAudioText(sentences);
   if (!refused.empty()) summary += "; " + refused;
   std::fprintf(out_, "%s\n", summary.c_str());

@@ -37,6 +37,7 @@ struct SentenceRecord {
   // report: the time it came less the audio it says was played by then.
   std::optional<double> firstAudioAfter;
   bool heldBeforeSound = false;  // paused or interrupted before the first progress report
+  uint64_t underruns = 0;  // times its output queue ran dry, as last read at a progress report
   bool errorExpected = false;  // a refused chunk whose PlayerError report is still on its way
   bool errorReported = false;  // a PlayerError arrived
   End end = End::NotYet;

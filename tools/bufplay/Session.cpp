@@ -8,6 +8,7 @@
 
 #include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioSession.h"
+#include "Audio/Platform/OutputQueue/OutputDevices.h"
 
 namespace {
 
@@ -125,6 +126,10 @@ void Session::onEvent(const SessionEvent& event) {
         sentence.firstAudioAfter = std::max(0.0, firstFrameAt - sentence.startedAt);
       }
       sentence.lastSoundAt = event.t;
+      // The sentence's queue is the newest: the next one opens only after this one finished.
+      if (AudioQueueCounters counters; AudioQueueGetCounters(AudioOutputNewestQueue(), &counters) == noErr) {
+        sentence.underruns = counters.underruns;
+      }
       break;
     case SessionEvent::AboutToEnd:
       sentence.ending = true;

@@ -137,6 +137,8 @@ OSStatus AudioQueueGetCounters(AudioQueueRef queue, AudioQueueCounters* outCount
   });
 }
 
+AudioQueueRef AudioOutputNewestQueue() { return QueueRegistry::instance().newestHandle(); }
+
 bool AudioQueueWaitForReleases(double timeoutSeconds) {
   return QueueRegistry::instance().waitForReleases(timeoutSeconds);
 }

@@ -55,6 +55,10 @@ struct AudioQueueCounters {
 };
 OSStatus AudioQueueGetCounters(AudioQueueRef queue, AudioQueueCounters* outCounters);
 
+// The queue created last in the process (disposed or not), or null before the first: a host that
+// plays one sentence at a time reads the current sentence's counters through it.
+AudioQueueRef AudioOutputNewestQueue();
+
 // Waits until every queue disposed so far has finished its last callback and released its memory
 // and sound output, or until the timeout passes. Returns whether they all have.
 bool AudioQueueWaitForReleases(double timeoutSeconds);

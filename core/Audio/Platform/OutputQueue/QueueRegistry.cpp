@@ -12,6 +12,11 @@ AudioQueueRef QueueRegistry::newHandle() {
   return reinterpret_cast<AudioQueueRef>(uintptr_t(++lastHandle_));
 }
 
+AudioQueueRef QueueRegistry::newestHandle() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return reinterpret_cast<AudioQueueRef>(uintptr_t(lastHandle_));
+}
+
 void QueueRegistry::add(AudioQueueRef handle, std::shared_ptr<OutputQueue> queue) {
   std::lock_guard<std::mutex> lock(mutex_);
   queues_.emplace(handle, std::move(queue));

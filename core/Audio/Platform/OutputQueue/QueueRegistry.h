@@ -21,6 +21,8 @@ class QueueRegistry {
 
   // Any thread: a handle no queue has had before.
   AudioQueueRef newHandle();
+  // Any thread: the handle handed out last, or null.
+  AudioQueueRef newestHandle();
   // Any thread.
   void add(AudioQueueRef handle, std::shared_ptr<OutputQueue> queue);
   // Any thread: the queue, or null when the handle is unknown or disposed.
