@@ -90,7 +90,9 @@ void LiveDisplay::clearLine() {
 }
 
 std::string LiveDisplay::line(const SentenceRecord& sentence, const std::string& state, bool fitTerminal) const {
-  const std::string counter = "[" + std::to_string(sentence.number) + "/" + std::to_string(sentenceCount_) + "] ";
+  // Built with append: GCC 12 warns falsely (-Wrestrict) about a chain of string additions here.
+  std::string counter = "[";
+  counter.append(std::to_string(sentence.number)).append("/").append(std::to_string(sentenceCount_)).append("] ");
   const std::string tail = " [" + Bar(sentence.played, sentence.received, sentence.file->seconds()) + "] " +
                            Format("%.2f", sentence.played) + "/" + Seconds(sentence.received) + "  " + state;
   std::string name = BaseName(sentence.file->name());

@@ -1,0 +1,15 @@
+// Clocks, percentiles and the table rows that the player benchmarks print.
+#pragma once
+
+#include <string>
+#include <vector>
+
+double WallSeconds();
+// CPU time (user + system) of this process, or of its waited-for children.
+double ProcessCpuSeconds();
+double ChildrenCpuSeconds();
+// The value below which `fraction` of the samples lie (nearest rank); 0 for no samples.
+double Percentile(std::vector<double> samples, double fraction);
+// One Markdown row of the results table, on standard output.
+void PrintRow(const std::string& measure, const std::string& figure, const std::string& target);
+std::string Format(const char* format, double value);
