@@ -4,7 +4,6 @@
 #include <stdexcept>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
-#include "AudioBufPlayerTestPeer.h"
 
 bool BenchDelegate::waitForEnd(std::chrono::duration<double> timeout) {
   std::unique_lock lock(mutex_);
@@ -39,13 +38,12 @@ BenchPlayer::BenchPlayer()
   player_->start();
 }
 
-AudioQueueRef BenchPlayer::queue() const { return AudioBufPlayerTestPeer(*player_).audioQueue(); }
+AudioQueueRef BenchPlayer::queue() const { return AudioOutputNewestQueue(); }
 
-double BenchPlayer::secondsAhead() const {
-  const AudioBufPlayerTestPeer peer(*player_);
+double BenchPlayer::secondsAhead(double sampleRate) const {
   AudioQueueCounters counters;
-  if (AudioQueueGetCounters(peer.audioQueue(), &counters) != noErr || peer.sampleRate() <= 0) return 0.0;
-  return peer.receivedAudioLength() - double(counters.framesPlayed) / peer.sampleRate();
+  if (AudioQueueGetCounters(queue(), &counters) != noErr) return 0.0;
+  return delegate_->received() - double(counters.framesPlayed) / sampleRate;
 }
 
 AudioBufPlayerError BenchPlayer::playData(std::span<const uint8_t> chunk, AudioPlayerAudioFormats format) {

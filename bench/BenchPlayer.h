@@ -2,6 +2,7 @@
 // its progress reports.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -29,7 +30,9 @@ class BenchDelegate : public AudioBufPlayerDelegate {
   void forgetEnd();
 
   void playerWillStartPlayback(AudioBufPlayer*) override {}
-  void updatedTotalLength(double, AudioBufPlayer*) override {}
+  void updatedTotalLength(double length, AudioBufPlayer*) override { received_.store(length); }
+  // Seconds of the sentence received so far (the bench plays with offset 0).
+  double received() const { return received_.load(); }
   void playProgressChanged(double position, AudioBufPlayer*) override;
   void aboutToEnd(AudioBufPlayer*) override {}
   void PlaybackFinished(AudioBufPlayer*) override;
@@ -40,6 +43,7 @@ class BenchDelegate : public AudioBufPlayerDelegate {
  private:
   void markEnded(bool finished);
 
+  std::atomic<double> received_{0.0};
   std::mutex mutex_;
   std::condition_variable ended_;
   // --- guarded by mutex_ ---
@@ -53,10 +57,11 @@ class BenchPlayer {
 
   AudioBufPlayer& player() { return *player_; }
   BenchDelegate& delegate() { return *delegate_; }
-  // The output queue of the sentence under way; null between sentences.
+  // The output queue of the sentence under way: the newest of the process, so only while no other
+  // player opens one.
   AudioQueueRef queue() const;
-  // Seconds of the sentence received but not yet heard.
-  double secondsAhead() const;
+  // Seconds of the sentence received but not yet heard, for a stream at sampleRate.
+  double secondsAhead(double sampleRate) const;
 
   AudioBufPlayerError playData(std::span<const uint8_t> chunk, AudioPlayerAudioFormats format);
   AudioBufPlayerError append(std::span<const uint8_t> chunk, AudioPlayerAudioFormats format);

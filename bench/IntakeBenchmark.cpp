@@ -43,7 +43,7 @@ void BM_AppendAudioData(benchmark::State& state, const Feed& feed) {
   BenchPlayer bench;
   size_t next = 0;
   bench.playData(chunk(next++), feed.format);
-  while (bench.secondsAhead() < kLeadSeconds) bench.append(chunk(next++), feed.format);
+  while (bench.secondsAhead(kSentenceRate) < kLeadSeconds) bench.append(chunk(next++), feed.format);
   for (auto _ : state) {
     const double seconds = SecondsOf([&] { return bench.append(chunk(next++), feed.format); });
     if (seconds < 0) {
@@ -51,7 +51,7 @@ void BM_AppendAudioData(benchmark::State& state, const Feed& feed) {
       break;
     }
     state.SetIterationTime(seconds);
-    const double excess = bench.secondsAhead() - kLeadSeconds;
+    const double excess = bench.secondsAhead(kSentenceRate) - kLeadSeconds;
     if (excess > 0) AudioOutputManualAdvance(bench.queue(), uint32_t(excess * kSentenceRate), nullptr);
   }
   state.SetBytesProcessed(int64_t(state.iterations() * feed.chunkBytes));
