@@ -1,7 +1,7 @@
 // Plan: what the sound output hears from a queue, and when buffers come back, on the manual clock,
 // which makes every step deterministic (AudioOutputManualAdvance waits for the queue's thread).
 // - Buffers come back in order, each only once its last frame was heard; mSampleTime follows.
-// - Stop after the queued audio and stop at once; pause holds the position, start continues; the
+// - Stop after the queued audio (buffers enqueued during the drain join it) and stop at once; pause holds the position, start continues; the
 //   fades that keep pauses and stops from clicking.
 // - PCM is one byte stream across buffers of any length; the volume scales samples; an underrun is
 //   heard as silence and counted; an output at another rate hears converted audio while time
@@ -66,33 +66,43 @@ TEST(OutputQueuePlayback, BuffersComeBackInOrderOnlyOnceTheirLastFrameIsHeard) {
   EXPECT_EQ(queue.isRunning(), 1u);
 }
 
-TEST(OutputQueuePlayback, StopAfterQueuedAudioPlaysEverythingThenReportsNotRunning) {
-  TestQueue queue(PcmFormat(kRate));
-  const std::vector<int16_t> first = Ramp(1000, 1), second = Ramp(700, 3000);
-  AudioQueueBufferRef a = queue.enqueue(first), b = queue.enqueue(second);
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  ASSERT_EQ(AudioQueueStop(queue.handle(), false), noErr);
-  EXPECT_EQ(queue.isRunning(), 1u);
-  // Enqueued after the stop: waits for the next start.
-  const std::vector<int16_t> later = Ramp(300, 9000);
-  AudioQueueBufferRef c = queue.enqueue(later);
+// A buffer enqueued during a drain joins it, wherever the drain is, until the output has played up
+// to the drain's end; after that it waits for the next start.
+TEST(OutputQueuePlayback, StopAfterQueuedAudioPlaysEverythingEnqueuedUntilItRunsDry) {
+  struct Case {
+    uint32_t heardBeforeLateBuffer;
+    bool lateBufferJoinsDrain;
+  };
+  for (const Case c : {Case{0, true}, Case{1000, true}, Case{1800, false}}) {
+    SCOPED_TRACE(c.heardBeforeLateBuffer);
+    TestQueue queue(PcmFormat(kRate));
+    const std::vector<int16_t> first = Ramp(1000, 1), second = Ramp(700, 3000), late = Ramp(300, 9000);
+    AudioQueueBufferRef a = queue.enqueue(first), b = queue.enqueue(second);
+    ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
+    ASSERT_EQ(AudioQueueStop(queue.handle(), false), noErr);
+    EXPECT_EQ(queue.isRunning(), 1u);
+    std::vector<int16_t> heard = queue.advance(c.heardBeforeLateBuffer);  // 0: the drain's end is rendered
+    AudioQueueBufferRef d = queue.enqueue(late);
+    const std::vector<int16_t> rest = queue.advance(2000);
+    heard.insert(heard.end(), rest.begin(), rest.end());
+    queue.advance(0);
 
-  std::vector<int16_t> heard = queue.advance(1699);
-  queue.advance(0);
-  EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a)}));
-  const std::vector<int16_t> last = queue.advance(2000);
-  heard.insert(heard.end(), last.begin(), last.end());
-  queue.advance(0);
-  EXPECT_EQ(heard, Concat(first, second));
-  EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a), Returned(b), RunningIs(0)}));
-  EXPECT_EQ(queue.isRunning(), 0u);
-  EXPECT_EQ(queue.sampleTime(), 1700);
-
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  EXPECT_EQ(queue.advance(300), later);
-  queue.advance(0);
-  EXPECT_EQ(queue.log().callbacks().back(), Returned(c));
-  EXPECT_EQ(queue.sampleTime(), 2000);
+    if (c.lateBufferJoinsDrain) {
+      EXPECT_EQ(heard, Concat(first, second, late));
+      EXPECT_EQ(queue.log().callbacks(),
+                (std::vector<Callback>{RunningIs(1), Returned(a), Returned(b), Returned(d), RunningIs(0)}));
+      EXPECT_EQ(queue.sampleTime(), 2000);
+      continue;
+    }
+    EXPECT_EQ(heard, Concat(first, second));
+    EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a), Returned(b), RunningIs(0)}));
+    EXPECT_EQ(queue.isRunning(), 0u);
+    ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
+    EXPECT_EQ(queue.advance(300), late);
+    queue.advance(0);
+    EXPECT_EQ(queue.log().callbacks().back(), Returned(d));
+    EXPECT_EQ(queue.sampleTime(), 2000);
+  }
 }
 
 TEST(OutputQueuePlayback, ImmediateStopFadesOutAndGivesBackEveryUnplayedBuffer) {

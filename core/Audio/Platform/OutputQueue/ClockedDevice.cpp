@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <system_error>
 #include <vector>
 
@@ -14,7 +15,11 @@ constexpr std::chrono::milliseconds kGiveUpLag{200};
 }  // namespace
 
 ClockedDevice::ClockedDevice(uint32_t sampleRate, uint32_t channels, double speed, Sink sink)
-    : sampleRate_(sampleRate), channels_(channels), speed_(speed), sink_(std::move(sink)) {}
+    : sampleRate_(sampleRate),
+      channels_(channels),
+      speed_(speed),
+      periodFrames_(uint32_t(std::clamp(std::lround(sampleRate * speed / kPeriodsPerSecond), 1L, long(sampleRate)))),
+      sink_(std::move(sink)) {}
 
 ClockedDevice::~ClockedDevice() { stop(); }
 
@@ -46,15 +51,14 @@ void ClockedDevice::stop() {
 void ClockedDevice::run(RenderSource& source) {
   pthread_setname_np(pthread_self(), "audio-clock");
   using Clock = std::chrono::steady_clock;
-  const uint32_t periodFrames = std::max<uint32_t>(1, sampleRate_ / kPeriodsPerSecond);
   const auto period = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(double(periodFrames) / sampleRate_ / speed_));
-  std::vector<int16_t> buffer(size_t(periodFrames) * channels_);
+      std::chrono::duration<double>(double(periodFrames_) / sampleRate_ / speed_));
+  std::vector<int16_t> buffer(size_t(periodFrames_) * channels_);
   auto next = Clock::now();
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {
     lock.unlock();
-    const size_t heard = source.render(buffer.data(), periodFrames);
+    const size_t heard = source.render(buffer.data(), periodFrames_);
     if (heard > 0 && sink_) {
       sink_(buffer.data(), heard);
     }

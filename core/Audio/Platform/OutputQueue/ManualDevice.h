@@ -14,11 +14,11 @@ class ManualDevice final : public OutputDevice {
   ManualDevice(uint32_t sampleRate, uint32_t channels);
 
   uint32_t sampleRate() const override { return sampleRate_; }
+  // 10 ms.
+  uint32_t periodFrames() const override;
   OSStatus start(RenderSource& source) override;
   void stop() override;
 
-  // The frames of one period (10 ms).
-  uint32_t periodFrames() const;
   // Any thread: renders `frames` frames as the sound output would and appends what is heard to
   // *heard (may be null). Renders nothing while stopped.
   void pull(uint32_t frames, std::vector<int16_t>* heard);

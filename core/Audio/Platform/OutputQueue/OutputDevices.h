@@ -26,8 +26,9 @@
 //   "manual"       a clock that only AudioOutputManualAdvance moves, for deterministic tests.
 //   "manual:RATE"  the same, for a sound output that takes RATE frames per second only: the queue
 //                  converts, as it does for a real output that does not take the stream's rate.
-// `speed` runs the "null" and "wav" clocks that many times faster than real time (benchmarks); it
-// must be 1 for the others. Returns kAudioQueueErr_InvalidParameter for anything else, and then
+// `speed` runs the "null" and "wav" clocks that many times faster than real time (benchmarks): a
+// period then holds `speed` times as many frames (up to a second of audio), so a faster clock
+// wakes no more often. It must be 1 for the others. Returns kAudioQueueErr_InvalidParameter for anything else, and then
 // changes nothing. Before any call the selection is "default".
 OSStatus AudioOutputSelect(const std::string& output, double speed = 1.0);
 

@@ -13,8 +13,10 @@
 #include "Audio/Platform/OutputQueue/QueueRegistry.h"
 
 namespace {
-// Room for the thread that renders to be late: a quarter of a second of audio.
+// Room for the thread that renders to be late: a quarter of a second of audio, and at least this
+// many periods of the sound output.
 constexpr uint32_t kRingMilliseconds = 250;
+constexpr size_t kRingPeriods = 4;
 // Pauses and immediate stops fade out over this long, resumes fade in.
 constexpr uint32_t kFadeMilliseconds = 5;
 // Limits that keep a misbehaving client from growing a queue without end.
@@ -57,7 +59,8 @@ OutputQueue::OutputQueue(AudioQueueRef handle, const AudioStreamBasicDescription
       packetized_(format.mFormatID == kAudioFormatMPEGLayer3),
       streamRate_(uint32_t(format.mSampleRate)),
       outputRate_(device->sampleRate()),
-      ring_(std::max<size_t>(size_t(outputRate_) * kRingMilliseconds / 1000, 2048), format.mChannelsPerFrame),
+      ring_(std::max({size_t(outputRate_) * kRingMilliseconds / 1000, kRingPeriods * device->periodFrames(), size_t(2048)}),
+            format.mChannelsPerFrame),
       playout_(ring_, outputRate_ * kFadeMilliseconds / 1000, wakeup_),
       renderer_(format, outputRate_, status),
       device_(std::move(device)) {}
@@ -135,10 +138,19 @@ OSStatus OutputQueue::enqueue(AudioQueueBufferRef buffer, uint32_t packetCount,
     }
   }
   record.packets.assign(packets, packets + packetCount);
-  entries_.push_back(Entry{&record});
+  if (draining_) {
+    addToDrain(record);
+  } else {
+    entries_.push_back(Entry{&record});
+  }
   record.byteSize = size;
   record.enqueued = true;
-  wakeup_.notify();
+  // A thread busy with earlier buffers finds this one when it gets to it; waking it for every buffer
+  // would double the context switches of a producer that keeps ahead.
+  if (threadWantsEntries_) {
+    threadWantsEntries_ = false;
+    wakeup_.notify();
+  }
   return noErr;
 }
 
@@ -315,6 +327,25 @@ OSStatus OutputQueue::advanceManualOutput(uint32_t frames, std::vector<int16_t>*
     done += count;
   } while (done < frames);
   return noErr;
+}
+
+void OutputQueue::addToDrain(BufferRecord& record) {
+  const auto isEnd = [](const Entry& entry) { return entry.record == nullptr && !entry.cancelled; };
+  const auto end = std::find_if(entries_.rbegin(), entries_.rend(), isEnd).base() - 1;
+  if (!end->begun) {
+    entries_.insert(end, Entry{&record});
+    return;
+  }
+  // The thread has finished the stream at the end; the buffer starts it again. An end already
+  // handed to the Playout is taken back unless the output has reached it.
+  const bool published = size_t(end - entries_.begin()) < rendered_;
+  if (published && !playout_.takeBackEnd(end->end)) {
+    entries_.push_back(Entry{&record});  // ran dry: the next start plays it
+    return;
+  }
+  end->cancelled = true;
+  entries_.push_back(Entry{&record});
+  entries_.push_back(Entry{nullptr});
 }
 
 void OutputQueue::publishControl() {

@@ -8,7 +8,9 @@
 //   any --stop(true)--> stopped; the buffers not played yet come back through the callback
 //   any --dispose--> disposed: every call fails, no callback starts any more, the callback thread
 //                    ends after the callback in progress and releases everything.
-// Buffers enqueued after a drain began play on the next start.
+// A buffer enqueued while draining joins the drain, so that nothing a producer hands over late is
+// lost; only once the sound output has played up to the drain's end (the queue ran dry) does it
+// wait for the next start.
 //
 // Synchronisation. Everything under "guarded by mutex_" is changed by the API calls (any thread)
 // and by the callback thread, always under mutex_; no callback and no rendering runs under it.
@@ -74,7 +76,9 @@ class OutputQueue {
   // A buffer to play, or (record null) the end of a drain.
   struct Entry {
     BufferRecord* record;
-    uint64_t end = 0;  // ring position after its last frame, once rendered
+    uint64_t end = 0;        // ring position after its last frame, once rendered
+    bool begun = false;      // the callback thread has started on it
+    bool cancelled = false;  // a drain's end moved further by a later buffer: ends nothing
   };
   // A callback to deliver: a buffer coming back, or (record null) a running-state change.
   struct Event {
@@ -90,6 +94,8 @@ class OutputQueue {
 
   // Caller holds mutex_.
   void publishControl();
+  // Caller holds mutex_, while draining: puts `record` into the drain, before its end.
+  void addToDrain(BufferRecord& record);
   // Caller holds mutex_: frames of the sound output to frames of the stream.
   uint64_t toStreamFrames(uint64_t outputFrames) const;
 
@@ -142,6 +148,7 @@ class OutputQueue {
   std::deque<Event> events_;         // to deliver, in order
   std::vector<Listener> listeners_;
   std::thread::id callbackThread_;
+  bool threadWantsEntries_ = false;  // the callback thread waits with nothing left to render
   uint64_t settleTicket_ = 0;        // waits for the callback thread to settle, asked for
   uint64_t settledTicket_ = 0;       // and answered
 };

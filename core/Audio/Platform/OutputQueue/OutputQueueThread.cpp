@@ -51,6 +51,10 @@ void OutputQueue::runCallbackThread() {
       if (disposed_) {
         return;
       }
+      if (rendering_ == Rendering::Nothing && rendered_ < entries_.size()) {
+        continue;  // enqueued since this round looked
+      }
+      threadWantsEntries_ = rendering_ == Rendering::Nothing;
       settledTicket_ = ticket;
       settled_.notify_all();
       threshold = wakeThreshold();
@@ -82,7 +86,7 @@ void OutputQueue::collectPlayedEntries(uint64_t readPosition) {
     --rendered_;
     if (entry.record != nullptr) {
       events_.push_back(Event{entry.record});
-    } else {
+    } else if (!entry.cancelled) {
       finishDrain();
     }
   }
@@ -105,13 +109,14 @@ void OutputQueue::advanceRenderCursor() {
   if (entryDone && renderer_.stagedFrames() == 0) {
     Entry& entry = entries_[rendered_];
     entry.end = ring_.writePosition();
-    if (entry.record == nullptr) {
+    if (entry.record == nullptr && !entry.cancelled) {
       playout_.endAt(entry.end);
     }
     ++rendered_;
     rendering_ = Rendering::Nothing;
   }
   if (rendering_ == Rendering::Nothing && rendered_ < entries_.size()) {
+    entries_[rendered_].begun = true;
     const BufferRecord* record = entries_[rendered_].record;
     if (record == nullptr) {
       rendering_ = Rendering::StreamToFinish;

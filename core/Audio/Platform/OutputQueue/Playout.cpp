@@ -23,6 +23,10 @@ void Playout::discardBefore(uint64_t position) {
 
 void Playout::endAt(uint64_t position) { endAt_.store(position, std::memory_order_release); }
 
+bool Playout::takeBackEnd(uint64_t position) {
+  return endAt_.compare_exchange_strong(position, kNoEnd, std::memory_order_acq_rel);
+}
+
 size_t Playout::render(int16_t* out, size_t frames) noexcept {
   // A consistent view of the control side. It stores a discard before it lets a run play, bumps
   // discards_ after storing the position, stores an end before it writes the frames after it, and
@@ -40,6 +44,9 @@ size_t Playout::render(int16_t* out, size_t frames) noexcept {
     discards = discards_.load(std::memory_order_acquire);
     discardBefore = discardBefore_.load(std::memory_order_acquire);
     end = endAt_.load(std::memory_order_acquire);
+    if (end != kNoEnd) {
+      end &= ~kEndReached;
+    }
     if (control_.load(std::memory_order_acquire) == control) {
       break;
     }
@@ -88,8 +95,14 @@ size_t Playout::render(int16_t* out, size_t frames) noexcept {
   while (playing && done < frames) {
     const uint64_t read = ring_.readPosition();
     if (read == end) {
-      ended_ = true;
-      break;
+      uint64_t expected = end;
+      if (endAt_.compare_exchange_strong(expected, end | kEndReached, std::memory_order_acq_rel) ||
+          expected == (end | kEndReached)) {
+        ended_ = true;
+        break;
+      }
+      end = kNoEnd;  // withdrawn: what was enqueued late plays on
+      continue;
     }
     const uint64_t available = std::min(written, end) - read;
     if (available > 0) {
@@ -98,7 +111,6 @@ size_t Playout::render(int16_t* out, size_t frames) noexcept {
       done += count;
       heard = done;
       dry_ = false;
-      ended_ = ring_.readPosition() == end;
       continue;
     }
     if (flowing_) {

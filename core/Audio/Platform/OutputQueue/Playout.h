@@ -14,7 +14,7 @@
 //   resuming within the run fades back in; a new run starts at full level, so that its first
 //   frames are heard exactly as enqueued;
 //   a drain ends the run at the end position, with nothing heard after it; the control side keeps
-//   that end position until it starts the next run.
+//   that end position until it starts the next run, or takes it back before it is reached.
 // Frames below the discard position (what an immediate stop threw away) are skipped unheard,
 // except those the stop's fade-out plays.
 #pragma once
@@ -41,6 +41,9 @@ class Playout final : public RenderSource {
   void discardBefore(uint64_t position);
   // Control side, under the queue's mutex: the running drain ends at `position` (kNoEnd: none).
   void endAt(uint64_t position);
+  // Control side, under the queue's mutex: withdraws the end set at `position`, unless render()
+  // has already ended the run there. Returns whether it was withdrawn.
+  bool takeBackEnd(uint64_t position);
   // Any thread: the linear gain, 0 to 1.
   void setVolume(float volume) { volume_.store(volume, std::memory_order_relaxed); }
   // Queue's thread: bump the Wakeup once the read position reaches `position`.
@@ -71,7 +74,10 @@ class Playout final : public RenderSource {
   std::atomic<uint32_t> control_{0};  // run << 1 | playing
   std::atomic<uint64_t> discardBefore_{0};
   std::atomic<uint32_t> discards_{0};  // bumped after each discardBefore_ store
+  // The end position; render() sets kEndReached in it when it ends the run there, so that the end
+  // is either withdrawn or reached, never both.
   std::atomic<uint64_t> endAt_{kNoEnd};
+  static constexpr uint64_t kEndReached = uint64_t(1) << 63;
   std::atomic<float> volume_{1.0f};
   std::atomic<uint64_t> wakeAt_{kNoEnd};
 

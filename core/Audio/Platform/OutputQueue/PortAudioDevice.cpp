@@ -63,6 +63,7 @@ class PortAudioDevice final : public OutputDevice {
   }
 
   uint32_t sampleRate() const override { return sampleRate_; }
+  uint32_t periodFrames() const override { return periodFrames_; }
 
   OSStatus start(RenderSource& source) override {
     if (started_) {
