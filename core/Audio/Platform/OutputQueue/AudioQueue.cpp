@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "Audio/Platform/OutputQueue/OutputFaults.h"
 #include "Audio/Platform/OutputQueue/OutputQueue.h"
 #include "Audio/Platform/OutputQueue/QueueRegistry.h"
 
@@ -33,6 +34,9 @@ OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQ
     return kAudioQueueErr_InvalidParameter;
   }
   OSStatus status = CheckStreamFormat(*inFormat);
+  if (status == noErr) {
+    status = TakeArmedFault(AudioQueueCall::NewOutput);
+  }
   if (status != noErr) {
     return status;
   }
@@ -53,18 +57,29 @@ OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQ
 
 OSStatus AudioQueueAllocateBuffer(AudioQueueRef inAQ, uint32_t inBufferByteSize, AudioQueueBufferRef* outBuffer) {
   return withQueue(inAQ, [&](OutputQueue& queue) {
-    return outBuffer == nullptr ? kAudioQueueErr_InvalidParameter : queue.allocateBuffer(inBufferByteSize, outBuffer);
+    if (outBuffer == nullptr) {
+      return kAudioQueueErr_InvalidParameter;
+    }
+    const OSStatus fault = TakeArmedFault(AudioQueueCall::AllocateBuffer);
+    return fault != noErr ? fault : queue.allocateBuffer(inBufferByteSize, outBuffer);
   });
 }
 
 OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer, uint32_t inNumPacketDescs,
                                  const AudioStreamPacketDescription* inPacketDescs) {
-  return withQueue(inAQ, [&](OutputQueue& queue) { return queue.enqueue(inBuffer, inNumPacketDescs, inPacketDescs); });
+  return withQueue(inAQ, [&](OutputQueue& queue) {
+    const OSStatus fault = TakeArmedFault(AudioQueueCall::EnqueueBuffer);
+    return fault != noErr ? fault : queue.enqueue(inBuffer, inNumPacketDescs, inPacketDescs);
+  });
 }
 
 OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp* inStartTime) {
   return withQueue(inAQ, [&](OutputQueue& queue) {
-    return inStartTime != nullptr ? kAudioQueueErr_InvalidParameter : queue.start();
+    if (inStartTime != nullptr) {
+      return kAudioQueueErr_InvalidParameter;
+    }
+    const OSStatus fault = TakeArmedFault(AudioQueueCall::Start);
+    return fault != noErr ? fault : queue.start();
   });
 }
 
@@ -141,4 +156,8 @@ AudioQueueRef AudioOutputNewestQueue() { return QueueRegistry::instance().newest
 
 bool AudioQueueWaitForReleases(double timeoutSeconds) {
   return QueueRegistry::instance().waitForReleases(timeoutSeconds);
+}
+
+OSStatus AudioQueueLoseDevice(AudioQueueRef queue) {
+  return withQueue(queue, [](OutputQueue& found) { return found.loseDevice(); });
 }

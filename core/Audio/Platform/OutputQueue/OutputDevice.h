@@ -19,6 +19,9 @@ class RenderSource {
   // what a listener hears (the queue's audio, and silence where it ran dry mid-stream); the rest is
   // idle silence (before the first frame, while paused or stopped), which a recording leaves out.
   virtual size_t render(int16_t* out, size_t frames) noexcept = 0;
+  // The device has stopped for good on its own (unplugged, its server gone) and calls render() no
+  // more. Any thread; real-time safe.
+  virtual void lost() noexcept = 0;
 };
 
 class OutputDevice {

@@ -112,6 +112,9 @@ OSStatus OutputQueue::enqueue(AudioQueueBufferRef buffer, uint32_t packetCount,
   if (disposed_) {
     return kAudioQueueErr_InvalidQueue;
   }
+  if (deviceLost()) {
+    return kAudioQueueErr_DeviceFailed;
+  }
   const auto found = buffers_.find(buffer);  // by address only: a foreign handle is never read
   if (found == buffers_.end()) {
     return kAudioQueueErr_InvalidBuffer;
@@ -166,6 +169,9 @@ OSStatus OutputQueue::start() {
   if (disposed_) {
     return kAudioQueueErr_InvalidQueue;
   }
+  if (deviceLost()) {
+    return kAudioQueueErr_DeviceFailed;
+  }
   if (!deviceStarted_) {
     if (device_->start(playout_) != noErr) {
       return kAudioQueueErr_DeviceFailed;
@@ -210,6 +216,11 @@ OSStatus OutputQueue::stop(bool immediate) {
     }
     return noErr;
   }
+  stopNow();
+  return noErr;
+}
+
+void OutputQueue::stopNow() {
   // The callback thread may be rendering one of these buffers right now; they stay enqueued until
   // it delivers their callbacks, and it drops what it rendered of them when it carries out the stop.
   for (const Entry& entry : entries_) {
@@ -228,6 +239,17 @@ OSStatus OutputQueue::stop(bool immediate) {
   paused_ = false;
   publishControl();
   wakeup_.notify();
+}
+
+OSStatus OutputQueue::loseDevice() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (disposed_) {
+    return kAudioQueueErr_InvalidQueue;
+  }
+  if (deviceStarted_) {
+    device_->stop();
+  }
+  playout_.lost();  // as the sound output reports it
   return noErr;
 }
 

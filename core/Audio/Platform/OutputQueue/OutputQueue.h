@@ -8,6 +8,7 @@
 //   any --stop(true)--> stopped; the buffers not played yet come back through the callback
 //   any --dispose--> disposed: every call fails, no callback starts any more, the callback thread
 //                    ends after the callback in progress and releases everything.
+//   any --the sound output lost--> stopped as by stop(true), for good: start and enqueue fail.
 // A buffer enqueued while draining joins the drain, so that nothing a producer hands over late is
 // lost; only once the sound output has played up to the drain's end (the queue ran dry) does it
 // wait for the next start.
@@ -64,6 +65,7 @@ class OutputQueue {
   OSStatus setVolume(float volume);
   OSStatus counters(AudioQueueCounters* outCounters);
   OSStatus advanceManualOutput(uint32_t frames, std::vector<int16_t>* heard);
+  OSStatus loseDevice();
 
  private:
   struct BufferRecord {
@@ -96,6 +98,10 @@ class OutputQueue {
   void publishControl();
   // Caller holds mutex_, while draining: puts `record` into the drain, before its end.
   void addToDrain(BufferRecord& record);
+  // Caller holds mutex_: the immediate stop, also what a lost sound output ends in.
+  void stopNow();
+  // Caller holds mutex_.
+  bool deviceLost() const { return deviceLost_ || playout_.isLost(); }
   // Caller holds mutex_: frames of the sound output to frames of the stream.
   uint64_t toStreamFrames(uint64_t outputFrames) const;
 
@@ -138,6 +144,7 @@ class OutputQueue {
   bool paused_ = false;
   bool draining_ = false;
   bool deviceStarted_ = false;
+  bool deviceLost_ = false;          // the loss has been carried out
   uint32_t run_ = 0;                 // runs started; a run begins with each start from stopped
   int64_t firstStartNanos_ = 0;      // steady clock; 0 before the first start
   uint64_t stopsRequested_ = 0;      // immediate stops asked for

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "Audio/Platform/OutputQueue/OutputQueue.h"
+#include "Diagnostics/qen_log.h"
 
 void OutputQueue::runCallbackThread() {
   pthread_setname_np(pthread_self(), "audio-queue");
@@ -26,6 +27,11 @@ void OutputQueue::runCallbackThread() {
         return;
       }
       ticket = settleTicket_;
+      if (!deviceLost_ && playout_.isLost()) {
+        deviceLost_ = true;
+        LOG_ERROR("the sound output was lost: the queue stops");
+        stopNow();
+      }
       applyImmediateStop();
       collectPlayedEntries(ring_.readPosition());
       if (!events_.empty()) {

@@ -51,6 +51,12 @@ class Playout final : public RenderSource {
 
   // Device thread; real-time safe.
   size_t render(int16_t* out, size_t frames) noexcept override;
+  // Any thread; real-time safe. Wakes the queue's thread, which then stops the queue for good.
+  void lost() noexcept override {
+    lost_.store(true, std::memory_order_release);
+    wakeup_.notify();
+  }
+  bool isLost() const { return lost_.load(std::memory_order_acquire); }
 
   // Any thread: counters in frames of the ring (the sound output's rate).
   uint64_t playedFrames() const { return played_.load(std::memory_order_relaxed); }
@@ -80,6 +86,7 @@ class Playout final : public RenderSource {
   static constexpr uint64_t kEndReached = uint64_t(1) << 63;
   std::atomic<float> volume_{1.0f};
   std::atomic<uint64_t> wakeAt_{kNoEnd};
+  std::atomic<bool> lost_{false};
 
   // --- published by render() ---
   std::atomic<uint64_t> played_{0};

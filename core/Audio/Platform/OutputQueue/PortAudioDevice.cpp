@@ -4,6 +4,7 @@
 #include <portaudio.h>
 
 #include <algorithm>
+#include <atomic>
 #include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
@@ -59,6 +60,7 @@ class PortAudioDevice final : public OutputDevice {
       LOG_ERROR("cannot open the sound output: %s", Pa_GetErrorText(error));
       return kAudioQueueErr_DeviceFailed;
     }
+    Pa_SetStreamFinishedCallback(stream_, &PortAudioDevice::finished);
     return noErr;
   }
 
@@ -70,6 +72,7 @@ class PortAudioDevice final : public OutputDevice {
       return noErr;
     }
     source_ = &source;
+    stopping_.store(false);
     const PaError error = Pa_StartStream(stream_);
     if (error != paNoError) {
       LOG_ERROR("cannot start the sound output: %s", Pa_GetErrorText(error));
@@ -81,6 +84,7 @@ class PortAudioDevice final : public OutputDevice {
 
   void stop() override {
     if (started_) {
+      stopping_.store(true);
       Pa_AbortStream(stream_);  // already faded out or no longer wanted: no need to play the rest
       started_ = false;
     }
@@ -92,6 +96,15 @@ class PortAudioDevice final : public OutputDevice {
                       PaStreamCallbackFlags, void* self) {
     static_cast<PortAudioDevice*>(self)->fill(static_cast<int16_t*>(output), frames);
     return paContinue;
+  }
+
+  // PortAudio's thread, once the stream has become inactive: when this device did not stop it, the
+  // sound output went away (unplugged, its server gone).
+  static void finished(void* self) {
+    auto* device = static_cast<PortAudioDevice*>(self);
+    if (!device->stopping_.load()) {
+      device->source_->lost();
+    }
   }
 
   // PortAudio's real-time thread: renders, spreading a mono stream over both output channels.
@@ -119,6 +132,7 @@ class PortAudioDevice final : public OutputDevice {
   PaStream* stream_ = nullptr;
   RenderSource* source_ = nullptr;
   bool started_ = false;
+  std::atomic<bool> stopping_{false};
 };
 }  // namespace
 

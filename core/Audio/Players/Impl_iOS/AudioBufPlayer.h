@@ -201,6 +201,10 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   void enqueData(std::span<const uint8_t> audioData, const AudioStreamPacketDescription* withDescriptions,
                  uint32_t packetNumber);
   void AudioQueue_releasedBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer);
+  // Caller holds playerStatusMutex. Whether any slot holds a buffer that is free or will come back;
+  // when none does, the request cannot go on and endRequestWithoutBuffers ends it.
+  bool aBufferCanComeBack() const;
+  void endRequestWithoutBuffers();
 
   // Queue start and running state; caller holds playerStatusMutex.
   void beginPlaying();
@@ -227,6 +231,7 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   AudioQueueRef audioQueue = nullptr;
   std::array<AudioQueueBufferRef, kNumberOfBuffers> audioQueueBuffer{};
   std::array<bool, kNumberOfBuffers> FreeAudioQueueBuffers{};
+  size_t lostBufferSlots = 0;  // slots of the current queue whose enqueue failed
   std::vector<uint8_t> tmpAudioBuffer;
   uint32_t descIndex = 0;
   std::array<AudioStreamPacketDescription, kMaxPacketDescriptions> packetDescs{};

@@ -20,6 +20,10 @@ void AudioQueueFillBuffersCallback(void* pSelf, AudioQueueRef inAQ, AudioQueueBu
 void AudioBufPlayer::enqueData(std::span<const uint8_t> audioData, const AudioStreamPacketDescription* withDescriptions,
                                uint32_t packetNumber) {
   size_t slot = kNumberOfBuffers;
+  if (hasStatus(PS_ACTIVE) && audioQueue && !aBufferCanComeBack()) {
+    endRequestWithoutBuffers();
+    return;
+  }
   for (;;) {
     while (hasStatus(PS_WAITING_FOR_BUFFER) && hasStatus(PS_ACTIVE)) waitForStatusChange();
     if (!hasStatus(PS_ACTIVE) || !audioQueue) return;
@@ -48,9 +52,25 @@ void AudioBufPlayer::enqueData(std::span<const uint8_t> audioData, const AudioSt
   if (status != noErr) {
     LOG_ERROR("AudioQueue enque audio errored error: %d (%s)", int(status), FourCCText(status).data());
     notifyDelegateOfPlatformError(AudioBufPlayerError_QUEUE_FAIL, "AudioQueueEnqueueBuffer", status);
+    ++lostBufferSlots;
+    if (!aBufferCanComeBack()) endRequestWithoutBuffers();
     return;
   }
   beginPlaying();
+}
+
+bool AudioBufPlayer::aBufferCanComeBack() const {
+  size_t allocated = 0;
+  for (const AudioQueueBufferRef buffer : audioQueueBuffer) allocated += buffer != nullptr;
+  return allocated > lostBufferSlots;
+}
+
+// A failed enqueue keeps its slot for the rest of the request; once no slot is left (or none could
+// be allocated), waiting for a buffer would wait for ever. The errors have been reported already.
+void AudioBufPlayer::endRequestWithoutBuffers() {
+  LOG_ERROR("No queue buffer is left to play the sentence: it ends");
+  resetAudioQueue();
+  setPlayerStopped();
 }
 
 void AudioBufPlayer::AudioQueue_releasedBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer) {

@@ -25,6 +25,7 @@ OSStatus AudioBufPlayer::openAudioQueueWithDescription(AudioStreamBasicDescripti
   // back for this queue's buffers): only buffers of this queue may be in a slot or free.
   FreeAudioQueueBuffers.fill(false);
   audioQueueBuffer.fill(nullptr);
+  lostBufferSlots = 0;
   for (size_t i = 0; i < kNumberOfBuffers; ++i) {
     status = AudioQueueAllocateBuffer(queue, kBufferByteSize, &audioQueueBuffer[i]);
     if (status != noErr) {
