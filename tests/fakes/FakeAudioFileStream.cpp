@@ -1,9 +1,69 @@
-// The stream parser functions of the fake.
+// The stream parser functions of the fake, and the parser behind them.
 #include <string>
 
 #include "Audio/Platform/AudioFileStream.h"
 #include "fakes/FakeParser.h"
 #include "fakes/FakeWorld.h"
+
+namespace fake {
+
+AudioStreamBasicDescription defaultMp3Format() {
+  AudioStreamBasicDescription format{};
+  format.mSampleRate = 16000.0;
+  format.mFormatID = kAudioFormatMPEGLayer3;
+  format.mFramesPerPacket = 576;
+  format.mChannelsPerFrame = 1;
+  return format;
+}
+
+FakeParser::FakeParser(int id, AudioFileStreamID handle, void* clientData,
+                       AudioFileStream_PropertyListenerProc listener, AudioFileStream_PacketsProc packets)
+    : id(id), handle(handle), clientData_(clientData), listener_(listener), packets_(packets) {}
+
+OSStatus FakeParser::parse(std::span<const uint8_t> bytes, const ParserBehaviour& behaviour) {
+  ParseContext context(*this, bytes, ++parseCalls_);
+  return behaviour ? behaviour(context) : context.parseByDefault();
+}
+
+ParseContext::ParseContext(FakeParser& parser, std::span<const uint8_t> bytes, int call)
+    : parser_(parser), bytes_(bytes), call_(call) {}
+
+int ParseContext::call() const { return call_; }
+std::span<const uint8_t> ParseContext::bytes() const { return bytes_; }
+
+void ParseContext::reportProperty(AudioFileStreamPropertyID property) {
+  uint32_t flags = 0;
+  parser_.listener_(parser_.clientData_, parser_.handle, property, &flags);
+}
+
+void ParseContext::deliverPackets(std::span<const uint8_t> data,
+                                  std::span<const AudioStreamPacketDescription> descriptions) {
+  // The callback takes a mutable table; the caller's stays untouched.
+  std::vector<AudioStreamPacketDescription> table(descriptions.begin(), descriptions.end());
+  parser_.packets_(parser_.clientData_, uint32_t(data.size()), uint32_t(table.size()), data.data(), table.data());
+}
+
+OSStatus ParseContext::parseByDefault() {
+  if (!parser_.formatReported_) {
+    parser_.formatReported_ = true;
+    reportProperty(kAudioFileStreamProperty_DataFormat);
+    reportProperty(kAudioFileStreamProperty_ReadyToProducePackets);
+  }
+  std::vector<uint8_t> pending = std::move(parser_.remainder_);
+  pending.insert(pending.end(), bytes_.begin(), bytes_.end());
+  const size_t packets = pending.size() / kDefaultMp3PacketSize;
+  const size_t complete = packets * kDefaultMp3PacketSize;
+  // The remainder is kept before the player is called, so that a callback that raises leaves the
+  // parser as it would be after the call.
+  parser_.remainder_.assign(pending.begin() + std::ptrdiff_t(complete), pending.end());
+  if (packets == 0) return noErr;
+  std::vector<AudioStreamPacketDescription> descriptions(packets);
+  for (size_t i = 0; i < packets; ++i) descriptions[i] = {int64_t(i * kDefaultMp3PacketSize), 0, kDefaultMp3PacketSize};
+  deliverPackets(std::span(pending.data(), complete), descriptions);
+  return noErr;
+}
+
+}  // namespace fake
 
 namespace {
 
@@ -49,8 +109,7 @@ OSStatus AudioFileStreamParseBytes(AudioFileStreamID inAudioFileStream, uint32_t
       "AudioFileStreamParseBytes" + call.label() + " bytes=" + std::to_string(inDataByteSize), call.refusal());
   if (!outcome.proceeds()) return outcome.status;
   const fake::ParserSettings settings = call.world->parserSettings();
-  return call.parser->parse(std::span(static_cast<const uint8_t*>(inData), inDataByteSize), settings.behaviour,
-                            settings.packetSize);
+  return call.parser->parse(std::span(static_cast<const uint8_t*>(inData), inDataByteSize), settings.behaviour);
 }
 
 OSStatus AudioFileStreamGetProperty(AudioFileStreamID inAudioFileStream, AudioFileStreamPropertyID inPropertyID,

@@ -19,18 +19,27 @@ std::string number(double value) {
 }
 
 struct QueueCall {
-  explicit QueueCall(AudioQueueRef handle)
-      : world(fake::world()), queue(world->findQueue(handle)), ofPreviousTest(world->isOfPreviousTest(handle)) {
+  explicit QueueCall(AudioQueueRef handle) : world(fake::world()), queue(world->findQueue(handle)) {
     if (queue) lock = std::unique_lock(queue->mutex);
+    ofPreviousTest = world->isOfPreviousTest(handle);
   }
 
   // Fails unless the queue is known and not disposed of.
   OSStatus refusal() const { return queue && !queue->state.disposed ? noErr : kAudioQueueErr_InvalidQueue; }
-  std::string label() const { return queue ? " q=" + std::to_string(queue->id) : std::string(" q=?"); }
+
+  // Records "function q=N details" and returns the call's status; a call on a handle of a previous
+  // test is refused without a line.
+  OSStatus record(const char* function, const std::string& details, OSStatus refusal,
+                  const std::function<std::string()>& onSuccess = {}) const {
+    if (ofPreviousTest) return kAudioQueueErr_InvalidQueue;
+    const std::string label = queue ? " q=" + std::to_string(queue->id) : std::string(" q=?");
+    const Outcome outcome = world->record(function, function + label + details, refusal, onSuccess);
+    return outcome.proceeds() ? noErr : outcome.status;
+  }
 
   std::shared_ptr<fake::World> world;
   std::shared_ptr<FakeQueue> queue;  // null when the handle is unknown
-  bool ofPreviousTest;               // refused without a log line
+  bool ofPreviousTest;
   std::unique_lock<std::mutex> lock;
 };
 
@@ -88,99 +97,71 @@ OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQ
 
 OSStatus AudioQueueAllocateBuffer(AudioQueueRef inAQ, uint32_t inBufferByteSize, AudioQueueBufferRef* outBuffer) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   OSStatus refusal = call.refusal();
   if (!refusal && (inBufferByteSize == 0 || !outBuffer)) refusal = kAudioQueueErr_InvalidParameter;
-  FakeQueue::Buffer* allocated = nullptr;
-  const Outcome outcome = call.world->record(
-      "AudioQueueAllocateBuffer",
-      "AudioQueueAllocateBuffer" + call.label() + " size=" + std::to_string(inBufferByteSize), refusal, [&] {
-        allocated = &call.queue->addBuffer(inBufferByteSize);
-        return " buf=" + std::to_string(allocated->id);
-      });
-  if (!outcome.proceeds()) return outcome.status;
-  *outBuffer = allocated->header.get();
-  return noErr;
+  const OSStatus status = call.record("AudioQueueAllocateBuffer", " size=" + std::to_string(inBufferByteSize), refusal,
+                                      [&] { return " buf=" + std::to_string(call.queue->addBuffer(inBufferByteSize).id); });
+  if (!status) *outBuffer = call.queue->buffers.back().header.get();
+  return status;
 }
 
 OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer, uint32_t inNumPacketDescs,
                                  const AudioStreamPacketDescription* inPacketDescs) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   FakeQueue::Buffer* buffer = call.refusal() ? nullptr : call.queue->findBuffer(inBuffer);
-  const std::string line =
-      "AudioQueueEnqueueBuffer" + call.label() +
+  const std::string details =
       (buffer ? " buf=" + std::to_string(buffer->id) + " bytes=" + std::to_string(buffer->header->mAudioDataByteSize)
               : std::string(" buf=? bytes=?")) +
       " packets=" + std::to_string(inNumPacketDescs);
-  const Outcome outcome = call.world->record("AudioQueueEnqueueBuffer", line,
-                                             enqueueRefusal(call, buffer, inNumPacketDescs, inPacketDescs));
-  if (!outcome.proceeds()) return outcome.status;
+  if (OSStatus status = call.record("AudioQueueEnqueueBuffer", details,
+                                    enqueueRefusal(call, buffer, inNumPacketDescs, inPacketDescs))) {
+    return status;
+  }
   const auto* bytes = static_cast<const uint8_t*>(buffer->header->mAudioData);
   buffer->inQueue = true;
   call.queue->state.enqueued.push_back(fake::EnqueuedBuffer{
-      buffer->id, inBuffer, std::vector<uint8_t>(bytes, bytes + buffer->header->mAudioDataByteSize), inNumPacketDescs,
+      inBuffer, std::vector<uint8_t>(bytes, bytes + buffer->header->mAudioDataByteSize), inNumPacketDescs,
       std::vector<AudioStreamPacketDescription>(inPacketDescs, inPacketDescs + inNumPacketDescs), false});
   return noErr;
 }
 
 OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp* inStartTime) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   OSStatus refusal = call.refusal();
   if (!refusal && inStartTime) refusal = kAudioQueueErr_InvalidParameter;
   if (!refusal && call.world->session.isInterrupted()) refusal = kAudioSessionErr_Interrupted;
   if (!refusal && call.world->inBackground.load()) refusal = kAudioSessionErr_InBackground;
-  const Outcome outcome = call.world->record("AudioQueueStart", "AudioQueueStart" + call.label(), refusal);
-  if (!outcome.proceeds()) return outcome.status;
-  fake::QueueState& state = call.queue->state;
-  state.started = true;
-  state.paused = false;
-  state.stopped = false;
-  return noErr;
+  const OSStatus status = call.record("AudioQueueStart", "", refusal);
+  if (!status) call.queue->state.started = true;
+  return status;
 }
 
 OSStatus AudioQueuePause(AudioQueueRef inAQ) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
-  const Outcome outcome = call.world->record("AudioQueuePause", "AudioQueuePause" + call.label(), call.refusal());
-  if (!outcome.proceeds()) return outcome.status;
-  call.queue->state.paused = true;
-  return noErr;
+  return call.record("AudioQueuePause", "", call.refusal());
 }
 
 OSStatus AudioQueueStop(AudioQueueRef inAQ, bool inImmediate) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
-  const Outcome outcome = call.world->record(
-      "AudioQueueStop", "AudioQueueStop" + call.label() + " immediate=" + std::to_string(int(inImmediate)),
-      call.refusal());
-  if (!outcome.proceeds()) return outcome.status;
-  call.queue->state.stopped = true;
-  return noErr;
+  return call.record("AudioQueueStop", " immediate=" + std::to_string(int(inImmediate)), call.refusal());
 }
 
 OSStatus AudioQueueDispose(AudioQueueRef inAQ, bool inImmediate) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
-  const Outcome outcome = call.world->record(
-      "AudioQueueDispose", "AudioQueueDispose" + call.label() + " immediate=" + std::to_string(int(inImmediate)),
-      call.refusal());
-  if (!outcome.proceeds()) return outcome.status;
-  call.queue->dispose();
-  return noErr;
+  const OSStatus status = call.record("AudioQueueDispose", " immediate=" + std::to_string(int(inImmediate)),
+                                      call.refusal());
+  if (!status) call.queue->dispose();
+  return status;
 }
 
 OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void* inTimeline, AudioTimeStamp* outTimeStamp,
                                   bool* outTimelineDiscontinuity) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   OSStatus refusal = call.refusal();
   if (!refusal && (inTimeline || outTimelineDiscontinuity || !outTimeStamp)) refusal = kAudioQueueErr_InvalidParameter;
   if (!refusal && !call.queue->state.started) refusal = kAudioQueueErr_NotStarted;
-  const Outcome outcome =
-      call.world->record("AudioQueueGetCurrentTime", "AudioQueueGetCurrentTime" + call.label(), refusal);
-  if (!outcome.proceeds()) return outcome.status;
+  const OSStatus status = call.record("AudioQueueGetCurrentTime", "", refusal);
+  if (status) return status;
   *outTimeStamp = AudioTimeStamp{};
   outTimeStamp->mSampleTime = call.queue->state.sampleTime;
   outTimeStamp->mFlags = kAudioTimeStampSampleTimeValid;
@@ -189,15 +170,13 @@ OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void* inTimeline, AudioTim
 
 OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID inID, void* outData, uint32_t* ioDataSize) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   OSStatus refusal = call.refusal();
   if (!refusal &&
       (inID != kAudioQueueProperty_IsRunning || !outData || !ioDataSize || *ioDataSize < sizeof(uint32_t))) {
     refusal = kAudioQueueErr_InvalidProperty;
   }
-  const Outcome outcome = call.world->record(
-      "AudioQueueGetProperty", "AudioQueueGetProperty" + call.label() + " prop=" + fake::fourCharacters(inID), refusal);
-  if (!outcome.proceeds()) return outcome.status;
+  const OSStatus status = call.record("AudioQueueGetProperty", " prop=" + fake::fourCharacters(inID), refusal);
+  if (status) return status;
   *static_cast<uint32_t*>(outData) = call.queue->state.running ? 1 : 0;
   *ioDataSize = sizeof(uint32_t);
   return noErr;
@@ -206,30 +185,24 @@ OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID inID, vo
 OSStatus AudioQueueAddPropertyListener(AudioQueueRef inAQ, AudioQueuePropertyID inID,
                                        AudioQueuePropertyListenerProc inProc, void* inUserData) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   OSStatus refusal = call.refusal();
   if (!refusal && inID != kAudioQueueProperty_IsRunning) refusal = kAudioQueueErr_InvalidProperty;
   if (!refusal && !inProc) refusal = kAudioQueueErr_InvalidParameter;
-  const Outcome outcome = call.world->record(
-      "AudioQueueAddPropertyListener",
-      "AudioQueueAddPropertyListener" + call.label() + " prop=" + fake::fourCharacters(inID), refusal);
-  if (!outcome.proceeds()) return outcome.status;
-  call.queue->state.runningListener = inProc;
-  call.queue->state.runningListenerUserData = inUserData;
+  const OSStatus status = call.record("AudioQueueAddPropertyListener", " prop=" + fake::fourCharacters(inID), refusal);
+  if (status) return status;
+  call.queue->runningListener = inProc;
+  call.queue->runningListenerUserData = inUserData;
   return noErr;
 }
 
 OSStatus AudioQueueSetParameter(AudioQueueRef inAQ, AudioQueueParameterID inParamID, AudioQueueParameterValue inValue) {
   QueueCall call(inAQ);
-  if (call.ofPreviousTest) return kAudioQueueErr_InvalidQueue;
   const bool volume = inParamID == kAudioQueueParam_Volume;
   OSStatus refusal = call.refusal();
   if (!refusal && !volume) refusal = kAudioQueueErr_InvalidParameter;
   const std::string setting =
       volume ? " volume=" + number(inValue) : " param=" + std::to_string(inParamID) + " value=" + number(inValue);
-  const Outcome outcome =
-      call.world->record("AudioQueueSetParameter", "AudioQueueSetParameter" + call.label() + setting, refusal);
-  if (!outcome.proceeds()) return outcome.status;
-  call.queue->state.volume = inValue;
-  return noErr;
+  const OSStatus status = call.record("AudioQueueSetParameter", setting, refusal);
+  if (!status) call.queue->state.volume = inValue;
+  return status;
 }

@@ -30,14 +30,6 @@ bool waitForLines(const std::function<bool(const std::vector<std::string>&)>& sa
   return false;
 }
 
-void script(std::string_view function, int nth, bool repeat, Outcome outcome) {
-  if (!CallScripts::knows(function)) {
-    ADD_FAILURE() << "cannot choose the result of '" << function << "': not a scriptable platform call";
-    return;
-  }
-  world()->choose(function, nth, repeat, std::move(outcome));
-}
-
 // Runs post with a task that resolves the returned future.
 bool awaitTask(const std::function<void(std::function<void()>)>& post, std::string_view what) {
   auto ran = std::make_shared<std::promise<bool>>();
@@ -67,12 +59,6 @@ void clearCalls() { world()->log.clear(); }
 
 bool waitForCall(std::string_view text) { return waitForCalls(text, 1); }
 
-bool waitForCall(const std::function<bool(const std::string& line)>& matches) {
-  return waitForLines(
-      [&](const std::vector<std::string>& lines) { return std::any_of(lines.begin(), lines.end(), matches); },
-      "a matching call");
-}
-
 bool waitForCalls(std::string_view text, size_t count) {
   return waitForLines(
       [&](const std::vector<std::string>& lines) {
@@ -88,15 +74,11 @@ bool waitForMainQueue() {
 }
 
 void failCall(std::string_view function, OSStatus status, int nth) {
-  script(function, nth, false, Outcome{status, nullptr});
+  world()->choose(function, nth, Outcome{status, nullptr});
 }
 
-void failCallsFrom(std::string_view function, OSStatus status, int nth) {
-  script(function, nth, true, Outcome{status, nullptr});
-}
-
-void raiseOnCall(std::string_view function, std::exception_ptr exception, int nth) {
-  script(function, nth, false, Outcome{noErr, std::move(exception)});
+void raiseOnCall(std::string_view function, std::exception_ptr exception) {
+  world()->choose(function, 1, Outcome{noErr, std::move(exception)});
 }
 
 Queue::Queue(std::shared_ptr<FakeQueue> queue) : queue_(std::move(queue)) {}
@@ -107,9 +89,7 @@ QueueState Queue::state() const {
   return queue_->state;
 }
 
-AudioQueueRef Queue::handle() const { return queue_ ? queue_->handle : nullptr; }
-bool Queue::playBack() { return queue_ && queue_->playBack(true); }
-bool Queue::playBackWithoutWaiting() { return queue_ && queue_->playBack(false); }
+bool Queue::playBack() { return queue_ && queue_->playBack(); }
 bool Queue::playBackAll() { return queue_ && queue_->playBackAll(); }
 bool Queue::playBackFromManyThreads() { return queue_ && queue_->playBackFromManyThreads(); }
 bool Queue::reportRunning(bool running) { return queue_ && queue_->reportRunning(running); }
@@ -120,30 +100,16 @@ void Queue::setSampleTime(double sampleTime) {
   queue_->state.sampleTime = sampleTime;
 }
 
-size_t queueCount() { return world()->queueCount(); }
-
 Queue queue(int id) {
   std::shared_ptr<FakeQueue> found = world()->queue(id);
-  if (!found) ADD_FAILURE() << "there is no queue q=" << id << " in this test";
+  if (!found) ADD_FAILURE() << "there is no queue q=" << (id ? std::to_string(id) : "(last)") << " in this test";
   return Queue(std::move(found));
 }
 
-Queue lastQueue() {
-  std::shared_ptr<FakeQueue> found = world()->lastQueue();
-  if (!found) ADD_FAILURE() << "no queue has been created in this test";
-  return Queue(std::move(found));
-}
+Queue lastQueue() { return queue(0); }
 
 void setParserDataFormat(const AudioStreamBasicDescription& format) {
   world()->setParserSettings([&](ParserSettings& settings) { settings.dataFormat = format; });
-}
-
-void setParserPacketSize(uint32_t bytes) {
-  if (bytes == 0) {
-    ADD_FAILURE() << "a packet has at least one byte";
-    return;
-  }
-  world()->setParserSettings([&](ParserSettings& settings) { settings.packetSize = bytes; });
 }
 
 void setParserBehaviour(ParserBehaviour behaviour) {

@@ -22,7 +22,7 @@ class FakeParser {
   std::atomic<bool> closed{false};
 
   // One AudioFileStreamParseBytes call: behaviour, or the default when it is empty.
-  OSStatus parse(std::span<const uint8_t> bytes, const ParserBehaviour& behaviour, uint32_t packetSize);
+  OSStatus parse(std::span<const uint8_t> bytes, const ParserBehaviour& behaviour);
 
  private:
   friend class ParseContext;

@@ -23,12 +23,8 @@ std::vector<uint8_t> QueueState::allEnqueuedBytes() const {
 
 FakeQueue::FakeQueue(int id, AudioQueueRef handle, const AudioStreamBasicDescription& format,
                      AudioQueueOutputCallback callback, void* userData)
-    : id(id), handle(handle) {
-  state.id = id;
-  state.handle = handle;
+    : id(id), handle(handle), outputCallback_(callback), outputUserData_(userData) {
   state.format = format;
-  state.outputCallback = callback;
-  state.outputUserData = userData;
 }
 
 std::shared_ptr<FakeQueue> FakeQueue::create(int id, AudioQueueRef handle, const AudioStreamBasicDescription& format,
@@ -56,7 +52,6 @@ FakeQueue::Buffer* FakeQueue::findBuffer(AudioQueueBufferRef handle) {
 FakeQueue::Buffer& FakeQueue::addBuffer(uint32_t capacity) {
   Buffer buffer{int(buffers.size()) + 1, std::make_unique<uint8_t[]>(capacity), nullptr};
   buffer.header.reset(new AudioQueueBuffer{capacity, buffer.data.get(), 0});
-  state.buffers.push_back(buffer.header.get());
   buffers.push_back(std::move(buffer));
   return buffers.back();
 }
@@ -122,8 +117,6 @@ bool FakeQueue::takeNextToPlayBack(size_t& index) {
 }
 
 bool FakeQueue::returnBuffer(size_t index) {
-  AudioQueueOutputCallback callback;
-  void* userData;
   AudioQueueBufferRef buffer;
   {
     std::lock_guard lock(mutex);
@@ -131,15 +124,13 @@ bool FakeQueue::returnBuffer(size_t index) {
     EnqueuedBuffer& entry = state.enqueued[index];
     entry.returned = true;
     if (Buffer* owned = findBuffer(entry.handle)) owned->inQueue = false;
-    callback = state.outputCallback;
-    userData = state.outputUserData;
     buffer = entry.handle;
   }
-  callback(userData, handle, buffer);
+  outputCallback_(outputUserData_, handle, buffer);
   return true;
 }
 
-bool FakeQueue::playBack(bool wait) {
+bool FakeQueue::playBack() {
   std::future<bool> done;
   {
     std::lock_guard lock(mutex);
@@ -147,7 +138,7 @@ bool FakeQueue::playBack(bool wait) {
     if (!takeNextToPlayBack(index)) return false;
     done = schedule([this, index] { return returnBuffer(index); });
   }
-  return !wait || awaitCommand(done, "the output callback");
+  return awaitCommand(done, "the output callback");
 }
 
 bool FakeQueue::playBackAll() {
@@ -157,7 +148,7 @@ bool FakeQueue::playBackAll() {
     waiting = state.enqueued.size() - nextToPlayBack_;
   }
   for (size_t i = 0; i < waiting; ++i) {
-    if (!playBack(true)) return false;
+    if (!playBack()) return false;
   }
   return true;
 }
@@ -217,8 +208,8 @@ bool FakeQueue::reportRunning(bool running) {
         std::lock_guard lock(mutex);
         if (state.disposed) return false;
         state.running = running;
-        listener = state.runningListener;
-        userData = state.runningListenerUserData;
+        listener = runningListener;
+        userData = runningListenerUserData;
       }
       if (listener) listener(userData, handle, kAudioQueueProperty_IsRunning);
       return true;

@@ -44,6 +44,9 @@ class FakeQueue : public std::enable_shared_from_this<FakeQueue> {
   QueueState state;
   std::vector<Buffer> buffers;
 
+  AudioQueuePropertyListenerProc runningListener = nullptr;
+  void* runningListenerUserData = nullptr;
+
   // Caller holds mutex.
   Buffer* findBuffer(AudioQueueBufferRef handle);
   Buffer& addBuffer(uint32_t capacity);
@@ -51,7 +54,7 @@ class FakeQueue : public std::enable_shared_from_this<FakeQueue> {
   void dispose();
 
   // Test side; each takes mutex itself. The waiting ones fail the test when they fail.
-  bool playBack(bool wait);
+  bool playBack();
   bool playBackAll();
   bool playBackFromManyThreads();
   bool reportRunning(bool running);
@@ -73,6 +76,8 @@ class FakeQueue : public std::enable_shared_from_this<FakeQueue> {
   // thread, without mutex.
   bool returnBuffer(size_t index);
 
+  const AudioQueueOutputCallback outputCallback_;
+  void* const outputUserData_;
   // --- guarded by mutex ---
   std::deque<std::packaged_task<bool()>> commands_;
   size_t nextToPlayBack_ = 0;  // index into state.enqueued

@@ -1,5 +1,5 @@
-// The audio session, the application object and the system log of the fake: the real session's
-// behaviour on the current test's state, with every call of the player recorded.
+// The audio session, the application object and the system log of the fake, as far as the player
+// uses them: the real session's behaviour on the current test's state, with every call recorded.
 #include <string>
 
 #include "Audio/Platform/Application.h"
@@ -27,36 +27,16 @@ bool AudioSession::setActive(bool active, uint64_t options) {
   return outcome.proceeds() && world->session.setActive(active);
 }
 
-std::optional<std::string> AudioSession::category() const { return fake::world()->session.category(); }
-uint64_t AudioSession::categoryOptions() const { return fake::world()->session.categoryOptions(); }
-bool AudioSession::isActive() const { return fake::world()->session.isActive(); }
 bool AudioSession::isInterrupted() const { return fake::world()->session.isInterrupted(); }
-
-void AudioSession::beginInterruption() { fake::world()->session.beginInterruption(); }
-void AudioSession::endInterruption() { fake::world()->session.endInterruption(); }
-void AudioSession::changeRoute() { fake::world()->session.changeRoute(); }
-void AudioSession::postInterruption(std::optional<int64_t> type) { fake::world()->session.postInterruption(type); }
 
 Application& Application::sharedApplication() {
   static Application* const application = new Application;
   return *application;
 }
 
-void Application::beginReceivingRemoteControlEvents() {
-  const auto world = fake::world();
-  world->log.append("beginReceivingRemoteControlEvents");
-  world->receivingRemoteControlEvents.store(true);
-}
-
-void Application::endReceivingRemoteControlEvents() {
-  const auto world = fake::world();
-  world->log.append("endReceivingRemoteControlEvents");
-  world->receivingRemoteControlEvents.store(false);
-}
-
-bool Application::isReceivingRemoteControlEvents() const { return fake::world()->receivingRemoteControlEvents.load(); }
+void Application::beginReceivingRemoteControlEvents() { fake::world()->log.append("beginReceivingRemoteControlEvents"); }
+void Application::endReceivingRemoteControlEvents() { fake::world()->log.append("endReceivingRemoteControlEvents"); }
 void Application::setInBackground(bool inBackground) { fake::world()->inBackground.store(inBackground); }
-bool Application::isInBackground() const { return fake::world()->inBackground.load(); }
 
 void NSLog(const char* format, ...) {
   va_list arguments;

@@ -15,6 +15,9 @@ namespace {
 
 std::atomic<uintptr_t> nextHandle{0x1000};
 
+// A handle value never given out before in this process; never dereferenced.
+uintptr_t newHandle() { return nextHandle.fetch_add(0x10); }
+
 struct CurrentWorld {
   std::mutex mutex;
   std::shared_ptr<World> world = std::make_shared<World>();  // guarded by mutex
@@ -26,17 +29,58 @@ CurrentWorld& current() {
   return *holder;
 }
 
+// " -> !int", or the status as a number when its characters are not printable.
+std::string outcomeText(const Outcome& outcome) {
+  if (outcome.exception) return " -> raises";
+  const std::string text = fourCharacters(uint32_t(outcome.status));
+  const bool printable = text.size() == 4 && std::all_of(text.begin(), text.end(), [](char c) {
+                           return std::isprint(static_cast<unsigned char>(c)) != 0;
+                         });
+  return " -> " + (printable ? text : std::to_string(outcome.status));
+}
+
 }  // namespace
 
-uintptr_t newHandle() { return nextHandle.fetch_add(0x10); }
+void CallLog::append(std::string line) {
+  std::lock_guard lock(mutex_);
+  lines_.push_back(std::move(line));
+  appended_.notify_all();
+}
+
+std::vector<std::string> CallLog::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+void CallLog::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+bool CallLog::waitUntil(const std::function<bool(const std::vector<std::string>&)>& satisfied,
+                        std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return appended_.wait_for(lock, timeout, [&] { return satisfied(lines_); });
+}
 
 World::World() : firstHandle_(nextHandle.load()) {}
 
 Outcome World::record(std::string_view function, std::string line, OSStatus refusal,
                       const std::function<std::string()>& onSuccess) {
   std::lock_guard lock(mutex_);
-  const Outcome chosen = scripts_.next(function);
-  const Outcome outcome = refusal != noErr ? Outcome{refusal, nullptr} : chosen;
+  // Every script of the function counts the call; the first one that is due decides it.
+  Outcome outcome;
+  bool chosen = false;
+  for (auto script = scripts_.begin(); script != scripts_.end();) {
+    if (script->function != function || script->callsToSkip-- > 0 || chosen) {
+      ++script;
+    } else {
+      outcome = script->outcome;
+      chosen = true;
+      script = scripts_.erase(script);
+    }
+  }
+  if (refusal != noErr) outcome = Outcome{refusal, nullptr};
   if (outcome.status != noErr || outcome.exception) {
     line += outcomeText(outcome);
   } else if (onSuccess) {
@@ -46,9 +90,9 @@ Outcome World::record(std::string_view function, std::string line, OSStatus refu
   return outcome;
 }
 
-void World::choose(std::string_view function, int nth, bool repeat, Outcome outcome) {
+void World::choose(std::string_view function, int nth, Outcome outcome) {
   std::lock_guard lock(mutex_);
-  scripts_.add(function, nth, repeat, std::move(outcome));
+  scripts_.push_back(Script{std::string(function), std::max(nth, 1) - 1, std::move(outcome)});
 }
 
 bool World::isOfPreviousTest(const void* handle) const {
@@ -62,6 +106,13 @@ std::shared_ptr<FakeQueue> World::addQueueLocked(const AudioStreamBasicDescripti
   return queues_.back();
 }
 
+std::shared_ptr<FakeParser> World::addParserLocked(void* clientData, AudioFileStream_PropertyListenerProc listener,
+                                                   AudioFileStream_PacketsProc packets) {
+  auto handle = reinterpret_cast<AudioFileStreamID>(newHandle());
+  parsers_.push_back(std::make_shared<FakeParser>(int(parsers_.size()) + 1, handle, clientData, listener, packets));
+  return parsers_.back();
+}
+
 std::shared_ptr<FakeQueue> World::findQueue(AudioQueueRef handle) const {
   std::lock_guard lock(mutex_);
   for (const auto& queue : queues_) {
@@ -72,25 +123,9 @@ std::shared_ptr<FakeQueue> World::findQueue(AudioQueueRef handle) const {
 
 std::shared_ptr<FakeQueue> World::queue(int id) const {
   std::lock_guard lock(mutex_);
+  if (id == 0 && !queues_.empty()) return queues_.back();
   if (id < 1 || size_t(id) > queues_.size()) return nullptr;
   return queues_[size_t(id) - 1];
-}
-
-std::shared_ptr<FakeQueue> World::lastQueue() const {
-  std::lock_guard lock(mutex_);
-  return queues_.empty() ? nullptr : queues_.back();
-}
-
-size_t World::queueCount() const {
-  std::lock_guard lock(mutex_);
-  return queues_.size();
-}
-
-std::shared_ptr<FakeParser> World::addParserLocked(void* clientData, AudioFileStream_PropertyListenerProc listener,
-                                                   AudioFileStream_PacketsProc packets) {
-  auto handle = reinterpret_cast<AudioFileStreamID>(newHandle());
-  parsers_.push_back(std::make_shared<FakeParser>(int(parsers_.size()) + 1, handle, clientData, listener, packets));
-  return parsers_.back();
 }
 
 std::shared_ptr<FakeParser> World::findParser(AudioFileStreamID handle) const {
@@ -136,15 +171,6 @@ std::shared_ptr<World> replaceWorld() {
 }
 
 std::string fourCharacters(uint32_t code) { return FourCCText(int32_t(code)).data(); }
-
-std::string outcomeText(const Outcome& outcome) {
-  if (outcome.exception) return " -> raises";
-  const std::string text = fourCharacters(uint32_t(outcome.status));
-  const bool printable = text.size() == 4 && std::all_of(text.begin(), text.end(), [](char c) {
-                           return std::isprint(static_cast<unsigned char>(c)) != 0;
-                         });
-  return " -> " + (printable ? text : std::to_string(outcome.status));
-}
 
 bool await(std::future<bool>& future, std::string_view what) {
   if (future.wait_for(kWaitTimeout) == std::future_status::ready) return true;

@@ -10,7 +10,7 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -23,8 +23,6 @@
 #include "Audio/Platform/AudioFileStream.h"
 #include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/Session/SessionState.h"
-#include "fakes/CallLog.h"
-#include "fakes/CallScripts.h"
 #include "fakes/FakePlatform.h"
 
 namespace fake {
@@ -32,9 +30,36 @@ namespace fake {
 class FakeQueue;
 class FakeParser;
 
+// How one platform call ends.
+struct Outcome {
+  OSStatus status = noErr;
+  std::exception_ptr exception;
+
+  // Raises the chosen exception, if any; else tells whether the call goes ahead.
+  bool proceeds() const {
+    if (exception) std::rethrow_exception(exception);
+    return status == noErr;
+  }
+};
+
+// The lines appended by the platform calls, read and awaited by the test. Any thread.
+class CallLog {
+ public:
+  void append(std::string line);
+  std::vector<std::string> lines() const;
+  void clear();
+  // Waits until satisfied(lines) holds, re-testing after every append; false when timeout passes.
+  bool waitUntil(const std::function<bool(const std::vector<std::string>&)>& satisfied,
+                 std::chrono::milliseconds timeout) const;
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::condition_variable appended_;
+  std::vector<std::string> lines_;  // guarded by mutex_
+};
+
 struct ParserSettings {
   AudioStreamBasicDescription dataFormat = defaultMp3Format();
-  uint32_t packetSize = kDefaultMp3PacketSize;
   ParserBehaviour behaviour;  // empty: the default
 };
 
@@ -44,30 +69,28 @@ class World {
 
   CallLog log;
   SessionState session;
-  std::atomic<bool> receivingRemoteControlEvents{false};
   std::atomic<bool> inBackground{false};
 
   // Any thread. Records one call of function as line. refusal is the status with which the call
   // fails on its own; otherwise a chosen result may decide. When the call goes ahead, onSuccess
-  // runs with the world's mutex held (it may use the *Locked functions) and its text ends the line
-  // (" q=1"); otherwise the line ends in the outcome.
+  // runs with the world's mutex held and its text ends the line (" q=1"); otherwise the line ends
+  // in the outcome.
   Outcome record(std::string_view function, std::string line, OSStatus refusal = noErr,
                  const std::function<std::string()>& onSuccess = {});
-  // Any thread.
-  void choose(std::string_view function, int nth, bool repeat, Outcome outcome);
+  // Any thread. The nth call of function from now on ends with outcome.
+  void choose(std::string_view function, int nth, Outcome outcome);
 
   // A handle that an earlier world gave out.
   bool isOfPreviousTest(const void* handle) const;
 
+  // Caller holds the world's mutex (inside onSuccess).
   std::shared_ptr<FakeQueue> addQueueLocked(const AudioStreamBasicDescription& format,
                                             AudioQueueOutputCallback callback, void* userData);
-  std::shared_ptr<FakeQueue> findQueue(AudioQueueRef handle) const;
-  std::shared_ptr<FakeQueue> queue(int id) const;  // null when there is none
-  std::shared_ptr<FakeQueue> lastQueue() const;
-  size_t queueCount() const;
-
   std::shared_ptr<FakeParser> addParserLocked(void* clientData, AudioFileStream_PropertyListenerProc listener,
                                               AudioFileStream_PacketsProc packets);
+
+  std::shared_ptr<FakeQueue> findQueue(AudioQueueRef handle) const;
+  std::shared_ptr<FakeQueue> queue(int id) const;  // null when there is none; 0: the last one
   std::shared_ptr<FakeParser> findParser(AudioFileStreamID handle) const;
 
   ParserSettings parserSettings() const;
@@ -77,10 +100,16 @@ class World {
   void retire();
 
  private:
+  struct Script {
+    std::string function;
+    int callsToSkip;
+    Outcome outcome;
+  };
+
   const uintptr_t firstHandle_;
   mutable std::mutex mutex_;
   // --- guarded by mutex_ ---
-  CallScripts scripts_;
+  std::vector<Script> scripts_;
   std::vector<std::shared_ptr<FakeQueue>> queues_;
   std::vector<std::shared_ptr<FakeParser>> parsers_;
   ParserSettings parserSettings_;
@@ -91,13 +120,8 @@ std::shared_ptr<World> world();
 // Puts a fresh world in place and returns the one it replaces.
 std::shared_ptr<World> replaceWorld();
 
-// A handle value never given out before in this process; never dereferenced.
-uintptr_t newHandle();
-
 // A four-character code as its text: "aqrn".
 std::string fourCharacters(uint32_t code);
-// " -> !int", or the status as a number when its characters are not printable.
-std::string outcomeText(const Outcome& outcome);
 
 // Waits for future up to kWaitTimeout; on timeout fails the current test, naming what.
 bool await(std::future<bool>& future, std::string_view what);

@@ -75,11 +75,8 @@ TEST(OutputDevices, WavOutputRecordsExactlyWhatIsHeard) {
     AudioStreamBasicDescription format;
     std::vector<int16_t> audio;
   };
-  std::vector<int16_t> corpus;
-  const stream_parser_test::Bytes bytes = stream_parser_test::ReadCorpusFile("hello_s16le_8000.pcm");
-  corpus.resize(bytes.size() / 2);
-  std::memcpy(corpus.data(), bytes.data(), corpus.size() * 2);
-  const std::vector<Case> cases = {{PcmFormat(8000), corpus}, {PcmFormat(22050, 2), Ramp(20000)}};
+  const std::vector<Case> cases = {{PcmFormat(8000), stream_parser_test::ReadCorpusSamples("hello_s16le_8000.pcm")},
+                                   {PcmFormat(22050, 2), Ramp(20000)}};
   for (const Case& test : cases) {
     const std::string path = TempPath("record.wav");
     {

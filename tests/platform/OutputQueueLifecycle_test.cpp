@@ -25,6 +25,20 @@ const AudioStreamBasicDescription kPcm = PcmFormat(16000);
 void IgnoreBuffer(void*, AudioQueueRef, AudioQueueBufferRef) {}
 void IgnoreRunning(void*, AudioQueueRef, AudioQueuePropertyID) {}
 
+// A queue on the null output at 20 times real time with three buffers of 10 ms enqueued.
+AudioQueueRef FedNullQueue(AudioQueueOutputCallback callback, void* userData) {
+  EXPECT_EQ(AudioOutputSelect("null", 20), noErr);
+  AudioQueueRef queue = nullptr;
+  EXPECT_EQ(AudioQueueNewOutput(&kPcm, callback, userData, nullptr, nullptr, 0, &queue), noErr);
+  for (int i = 0; i < 3; ++i) {
+    AudioQueueBufferRef buffer = nullptr;
+    EXPECT_EQ(AudioQueueAllocateBuffer(queue, 320, &buffer), noErr);
+    buffer->mAudioDataByteSize = 320;
+    EXPECT_EQ(AudioQueueEnqueueBuffer(queue, buffer, 0, nullptr), noErr);
+  }
+  return queue;
+}
+
 TEST(OutputQueueLifecycle, UnsupportedFormatsAndBadArgumentsAreRefusedAtCreation) {
   ASSERT_EQ(AudioOutputSelect("manual"), noErr);
   const auto withFormat = [](auto change) {
@@ -216,15 +230,7 @@ TEST(OutputQueueLifecycle, DisposeReturnsWhileACallbackWaitsForTheCallersLock) {
     }
     std::lock_guard<std::mutex> lock(player.mutex);
   };
-  ASSERT_EQ(AudioOutputSelect("null", 20), noErr);
-  AudioQueueRef queue = nullptr;
-  ASSERT_EQ(AudioQueueNewOutput(&kPcm, callback, &player, nullptr, nullptr, 0, &queue), noErr);
-  for (int i = 0; i < 3; ++i) {
-    AudioQueueBufferRef buffer = nullptr;
-    ASSERT_EQ(AudioQueueAllocateBuffer(queue, 320, &buffer), noErr);
-    buffer->mAudioDataByteSize = 320;
-    ASSERT_EQ(AudioQueueEnqueueBuffer(queue, buffer, 0, nullptr), noErr);
-  }
+  const AudioQueueRef queue = FedNullQueue(callback, &player);
 
   std::unique_lock<std::mutex> held(player.mutex);
   ASSERT_EQ(AudioQueueStart(queue, nullptr), noErr);
@@ -270,18 +276,10 @@ TEST(OutputQueueLifecycle, AQueueCanBeDisposedFromItsOwnCallbacks) {
     SCOPED_TRACE(fromListener ? "from the running-state listener" : "from the buffer callback");
     DisposedFromCallback observed;
     observed.fromListener = fromListener;
-    ASSERT_EQ(AudioOutputSelect("null", 20), noErr);
-    AudioQueueRef queue = nullptr;
-    ASSERT_EQ(AudioQueueNewOutput(&kPcm, DisposedFromCallback::BufferBack, &observed, nullptr, nullptr, 0, &queue), noErr);
+    const AudioQueueRef queue = FedNullQueue(DisposedFromCallback::BufferBack, &observed);
     ASSERT_EQ(AudioQueueAddPropertyListener(queue, kAudioQueueProperty_IsRunning, DisposedFromCallback::RunningChanged,
                                             &observed),
               noErr);
-    for (int i = 0; i < 3; ++i) {
-      AudioQueueBufferRef buffer = nullptr;
-      ASSERT_EQ(AudioQueueAllocateBuffer(queue, 320, &buffer), noErr);
-      buffer->mAudioDataByteSize = 320;
-      ASSERT_EQ(AudioQueueEnqueueBuffer(queue, buffer, 0, nullptr), noErr);
-    }
     ASSERT_EQ(AudioQueueStart(queue, nullptr), noErr);
     ASSERT_EQ(observed.done.get_future().wait_for(kDeadline), std::future_status::ready);
     ASSERT_TRUE(AudioQueueWaitForReleases(20));

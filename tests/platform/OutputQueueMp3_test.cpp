@@ -13,10 +13,9 @@
 namespace output_queue_test {
 namespace {
 
-using stream_parser_test::AudioFrames;
+using stream_parser_test::AudioFrameBytes;
 using stream_parser_test::Bytes;
-using stream_parser_test::ReadCorpusFile;
-using stream_parser_test::ReadTsv;
+using stream_parser_test::ReadCorpusSamples;
 
 struct CleanMp3 {
   std::string file;
@@ -30,7 +29,7 @@ void PrintTo(const CleanMp3& mp3, std::ostream* out) { *out << mp3.file; }
 
 std::vector<CleanMp3> CleanMp3s() {
   std::vector<CleanMp3> files;
-  for (const auto& row : ReadTsv("MANIFEST.tsv")) {
+  for (const auto& row : stream_parser_test::ReadTsv("MANIFEST.tsv")) {
     const std::string& file = row.at("file");
     if (file.ends_with(".mp3") && row.at("expected") == "plays") {
       files.push_back({file, uint32_t(std::stoul(row.at("rate"))), uint32_t(std::stoul(row.at("channels"))),
@@ -39,13 +38,6 @@ std::vector<CleanMp3> CleanMp3s() {
     }
   }
   return files;
-}
-
-std::vector<int16_t> ReadSamples(const std::string& name) {
-  const Bytes bytes = ReadCorpusFile(name);
-  std::vector<int16_t> samples(bytes.size() / 2);
-  std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
-  return samples;
 }
 
 // Packs packets into buffers of at most 5120 bytes, as the player does, and enqueues them.
@@ -59,9 +51,7 @@ void EnqueuePackets(TestQueue& queue, const std::vector<Bytes>& packets) {
     descriptions.clear();
   };
   for (const Bytes& packet : packets) {
-    if (buffer.size() + packet.size() > kBufferBytes) {
-      flush();
-    }
+    if (buffer.size() + packet.size() > kBufferBytes) flush();
     descriptions.push_back({int64_t(buffer.size()), 0, uint32_t(packet.size())});
     buffer.insert(buffer.end(), packet.begin(), packet.end());
   }
@@ -75,22 +65,13 @@ std::vector<int16_t> Play(TestQueue& queue, const std::vector<Bytes>& packets) {
   return queue.advanceUntilStopped();
 }
 
-std::vector<Bytes> PacketsOf(const std::string& file) {
-  const Bytes bytes = ReadCorpusFile(file);
-  std::vector<Bytes> packets;
-  for (const auto& frame : AudioFrames(file)) {
-    packets.emplace_back(bytes.begin() + long(frame.offset), bytes.begin() + long(frame.offset + frame.size));
-  }
-  return packets;
-}
-
 class OutputQueueMp3Corpus : public ::testing::TestWithParam<CleanMp3> {};
 
 TEST_P(OutputQueueMp3Corpus, IsHeardAsTheReferenceDecodeWithoutGaplessTrimming) {
   const CleanMp3& mp3 = GetParam();
   TestQueue queue(Mp3Format(mp3.rate, mp3.channels));
-  const std::vector<int16_t> heard = Play(queue, PacketsOf(mp3.file));
-  const std::vector<int16_t> ref = ReadSamples(mp3.file.substr(0, mp3.file.size() - 4) + ".ref.pcm");
+  const std::vector<int16_t> heard = Play(queue, AudioFrameBytes(mp3.file));
+  const std::vector<int16_t> ref = ReadCorpusSamples(mp3.file.substr(0, mp3.file.size() - 4) + ".ref.pcm");
   ASSERT_EQ(ref.size(), mp3.refSamples * mp3.channels);
 
   ASSERT_EQ(heard.size(), mp3.rawSamples * mp3.channels);
@@ -107,18 +88,12 @@ TEST_P(OutputQueueMp3Corpus, IsHeardAsTheReferenceDecodeWithoutGaplessTrimming) 
 }
 
 INSTANTIATE_TEST_SUITE_P(CleanFiles, OutputQueueMp3Corpus, ::testing::ValuesIn(CleanMp3s()),
-                         [](const auto& info) {
-                           std::string name = info.param.file.substr(0, info.param.file.size() - 4);
-                           for (char& c : name) {
-                             c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-                           }
-                           return name;
-                         });
+                         [](const auto& info) { return stream_parser_test::CorpusTestName(info.param.file); });
 
 TEST(OutputQueueMp3, PacketsThatAreNotAudioOfTheStreamInsertNothingAndAreCounted) {
-  const std::vector<Bytes> clean = PacketsOf("fox_m2_16k_cbr32_lame.mp3");
-  const std::vector<Bytes> otherRate = PacketsOf("turn_m2_24k_vbr_lame_xing.mp3");
-  const std::vector<Bytes> stereo = PacketsOf("hold_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3");
+  const std::vector<Bytes> clean = AudioFrameBytes("fox_m2_16k_cbr32_lame.mp3");
+  const std::vector<Bytes> otherRate = AudioFrameBytes("turn_m2_24k_vbr_lame_xing.mp3");
+  const std::vector<Bytes> stereo = AudioFrameBytes("hold_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3");
   const Bytes junk(200, 0x55);
   std::vector<Bytes> mixed(clean.begin(), clean.end());
   mixed.insert(mixed.begin() + 60, junk);

@@ -1,9 +1,8 @@
 // Plan: the real audio session and application object as a player and a host program use them.
-// - The session keeps the category, options and activity it is given; an empty category is refused.
+// - An empty category is refused and changes nothing.
 // - The host side: every notification reaches its observers off the caller's thread, in the order
 //   of the calls, with the user info a player reads; the interrupted state changes at the call,
 //   before delivery, so a caller never waits for a handler (a handler may need the caller's locks).
-// - The application keeps its remote-control registration and background state.
 // Not tested here: NSLog's output, since the system log cannot be read back from a test.
 #include <gtest/gtest.h>
 
@@ -16,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-#include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/NotificationCenter.h"
 
@@ -73,17 +71,12 @@ class SessionObserver {
   std::vector<Received> received_;  // guarded by mutex_
 };
 
-TEST(AudioSession, KeepsCategoryOptionsAndActivityAndRefusesAnEmptyCategory) {
+TEST(AudioSession, EmptyCategoryIsRefusedAndChangesNothing) {
   AudioSession& session = AudioSession::sharedInstance();
   EXPECT_TRUE(session.setCategory("AVAudioSessionCategoryPlayback", 0x2));
   EXPECT_FALSE(session.setCategory("", 0x8));
   EXPECT_EQ(session.category(), "AVAudioSessionCategoryPlayback");
   EXPECT_EQ(session.categoryOptions(), 0x2u);
-
-  EXPECT_TRUE(session.setActive(true, AVAudioSessionSetActiveOptionNotifyOthersOnDeactivation));
-  EXPECT_TRUE(session.isActive());
-  EXPECT_TRUE(session.setActive(false, AVAudioSessionSetActiveOptionNotifyOthersOnDeactivation));
-  EXPECT_FALSE(session.isActive());
 }
 
 TEST(AudioSession, HostEventsReachObserversOffTheCallersThreadInCallOrder) {
@@ -127,19 +120,6 @@ TEST(AudioSession, InterruptedStateChangesAtTheCallWhileHandlersAreStillBusy) {
   ASSERT_EQ(received.size(), 2u);
   EXPECT_EQ(received[0].type, AVAudioSessionInterruptionTypeBegan);
   EXPECT_EQ(received[1].type, AVAudioSessionInterruptionTypeEnded);
-}
-
-TEST(Application, KeepsRemoteControlRegistrationAndBackgroundState) {
-  Application& application = Application::sharedApplication();
-  application.beginReceivingRemoteControlEvents();
-  EXPECT_TRUE(application.isReceivingRemoteControlEvents());
-  application.endReceivingRemoteControlEvents();
-  EXPECT_FALSE(application.isReceivingRemoteControlEvents());
-
-  application.setInBackground(true);
-  EXPECT_TRUE(application.isInBackground());
-  application.setInBackground(false);
-  EXPECT_FALSE(application.isInBackground());
 }
 
 }  // namespace

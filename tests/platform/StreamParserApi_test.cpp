@@ -3,12 +3,12 @@
 //   are reported, and where the stream fails (the 4 KiB junk limit, exactly), fed whole and one byte
 //   at a time; random mixtures of such pieces give the same packets whatever the chunking.
 // - Handles: closed, unknown and null handles fail with a status; handles are never reused.
-// - Properties: read before and after the format is known, with wrong sizes and unknown ids.
+// - Arguments and properties: null arguments, other file types, properties read before and after
+//   the format is known, with wrong sizes and unknown ids.
 // - Callbacks: frames of one call come together and in place, at most 512 per callback; feeding or
 //   closing a parser from inside its own callback is refused or safe.
 // - Threads: parsers on separate threads share only the handle registry (meant for TSan runs).
 // Not here: the corpus files themselves (StreamParserCorpus_test.cpp).
-#include <algorithm>
 #include <random>
 #include <set>
 #include <thread>
@@ -27,17 +27,8 @@ const char* const k44kStereo = "hold_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3"
 
 // The audio frames [first, first + count) of a corpus file.
 std::vector<Bytes> Frames(const std::string& file, size_t first, size_t count) {
-  std::vector<CorpusFrame> frames = AudioFrames(file);
-  frames = std::vector<CorpusFrame>(frames.begin() + first, frames.begin() + first + count);
-  return FrameBytes(ReadCorpusFile(file), frames);
-}
-
-Bytes Join(const std::vector<Bytes>& parts) {
-  Bytes joined;
-  for (const Bytes& part : parts) {
-    joined.insert(joined.end(), part.begin(), part.end());
-  }
-  return joined;
+  const std::vector<Bytes> frames = AudioFrameBytes(file);
+  return std::vector<Bytes>(frames.begin() + long(first), frames.begin() + long(first + count));
 }
 
 std::vector<Bytes> Concat(std::vector<Bytes> a, const std::vector<Bytes>& b) {
@@ -48,16 +39,8 @@ std::vector<Bytes> Concat(std::vector<Bytes> a, const std::vector<Bytes>& b) {
 // An ID3v2 tag of the given version and flags around body.
 Bytes Id3v2(uint8_t major, uint8_t flags, const Bytes& body) {
   const auto size = uint32_t(body.size());
-  Bytes tag = {'I',
-               'D',
-               '3',
-               major,
-               0,
-               flags,
-               uint8_t(size >> 21 & 0x7F),
-               uint8_t(size >> 14 & 0x7F),
-               uint8_t(size >> 7 & 0x7F),
-               uint8_t(size & 0x7F)};
+  Bytes tag = {'I', 'D', '3', major, 0, flags, uint8_t(size >> 21 & 0x7F), uint8_t(size >> 14 & 0x7F),
+               uint8_t(size >> 7 & 0x7F), uint8_t(size & 0x7F)};
   tag.insert(tag.end(), body.begin(), body.end());
   if (major == 4 && (flags & 0x10) != 0) {
     tag.insert(tag.end(), {'3', 'D', 'I', major, 0, flags, tag[6], tag[7], tag[8], tag[9]});
@@ -67,32 +50,20 @@ Bytes Id3v2(uint8_t major, uint8_t flags, const Bytes& body) {
 
 // An APEv2 tag with header and footer around body.
 Bytes Ape(const Bytes& body) {
-  const auto frame = [&](uint32_t flags) {
-    Bytes out = {'A', 'P', 'E', 'T', 'A', 'G', 'E', 'X'};
-    for (uint32_t value : {2000u, uint32_t(body.size() + 32), 1u, flags, 0u, 0u}) {
-      out.insert(out.end(), {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)});
-    }
-    return out;
-  };
-  return Join({frame(1u << 31 | 1u << 29), body, frame(1u << 31)});
+  const auto size = uint32_t(body.size() + 32);
+  return Join({ApeHeader(2000, size, 1u << 31 | 1u << 29), body, ApeHeader(2000, size, 1u << 31)});
 }
 
 Bytes Zeros(size_t count) { return Bytes(count, 0); }
 
 // Junk with a 16 kHz frame header every 50 bytes (not at its start, where a locked parser would take
-// it for the next frame), none of them confirmed by a header one frame on:
-// each keeps the parser looking ahead while it searches through them.
+// it for the next frame), none of them confirmed by a header one frame on: each keeps the parser
+// looking ahead while it searches through them.
 Bytes FalseSyncs(size_t count) {
-  const uint8_t header[4] = {0xFF, 0xF3, 0x68, 0xC4};
   Bytes junk(count, 0);
-  for (size_t at = 25; at + 4 <= count; at += 50) {
-    std::copy(header, header + 4, junk.begin() + at);
-  }
+  const uint8_t header[4] = {0xFF, 0xF3, 0x68, 0xC4};
+  for (size_t at = 25; at + 4 <= count; at += 50) std::copy(header, header + 4, junk.begin() + long(at));
   return junk;
-}
-
-ReportedFormat Format(size_t packetsBefore, double rate, uint32_t channels, uint32_t framesPerPacket) {
-  return {packetsBefore, rate, channels, framesPerPacket};
 }
 
 struct StreamCase {
@@ -108,52 +79,28 @@ std::vector<StreamCase> StreamCases() {
   const std::vector<Bytes> b = Frames(k16kMono, 10, 10);
   const std::vector<Bytes> other = Frames(k24kMono, 0, 10);
   const std::vector<Bytes> stereo = Frames(k44kStereo, 0, 10);
-  const ReportedFormat mono16k = Format(0, 16000, 1, 576);
+  const ReportedFormat mono16k{0, 16000, 1, 576};
+  const std::vector<Bytes> ab = Concat(a, b);
   return {
       {"4096 bytes of junk before the first frame", Join({Zeros(4096), Join(a)}), a, {mono16k}, false},
       {"4097 bytes of junk before the first frame", Join({Zeros(4097), Join(a)}), {}, {}, true},
       {"a tag, then 4096 bytes of junk", Join({Id3v2(3, 0, Zeros(5000)), Zeros(4096), Join(a)}), a, {mono16k}, false},
       {"an ID3v2.4 tag with a footer, then 4096 bytes of junk",
-       Join({Id3v2(4, 0x10, Zeros(100)), Zeros(4096), Join(a)}),
-       a,
-       {mono16k},
-       false},
-      {"an ID3v2.3 tag, whose footer flag means nothing",
-       Join({Id3v2(3, 0x10, Zeros(100)), Join(a)}),
-       a,
-       {mono16k},
+       Join({Id3v2(4, 0x10, Zeros(100)), Zeros(4096), Join(a)}), a, {mono16k}, false},
+      {"an ID3v2.3 tag, whose footer flag means nothing", Join({Id3v2(3, 0x10, Zeros(100)), Join(a)}), a, {mono16k},
        false},
       {"tags full of 24 kHz frames before, between and after the frames",
-       Join({Ape(Join(other)), Join(a), Id3v2(3, 0, Join(other)), Join(b), Ape(Join(other))}),
-       Concat(a, b),
-       {mono16k},
+       Join({Ape(Join(other)), Join(a), Id3v2(3, 0, Join(other)), Join(b), Ape(Join(other))}), ab, {mono16k}, false},
+      {"junk between frames after the first", Join({Join(a), Zeros(10000), Join(b)}), ab, {mono16k}, false},
+      {"false syncs packed in the junk between frames", Join({Join(a), FalseSyncs(10000), Join(b)}), ab, {mono16k},
        false},
-      {"junk between frames after the first", Join({Join(a), Zeros(10000), Join(b)}), Concat(a, b), {mono16k}, false},
-      {"false syncs packed in the junk between frames",
-       Join({Join(a), FalseSyncs(10000), Join(b)}),
-       Concat(a, b),
-       {mono16k},
+      {"a lone false sync before the first frame", Join({Zeros(100), other[0], Zeros(100), Join(a)}), a, {mono16k},
        false},
-      {"a lone false sync before the first frame",
-       Join({Zeros(100), other[0], Zeros(100), Join(a)}),
-       a,
-       {mono16k},
-       false},
-      {"a lone frame of another rate between frames",
-       Join({Join(a), other[0], Join(b)}),
-       Concat(a, b),
-       {mono16k},
-       false},
-      {"a change of rate and channel count",
-       Join({Join(a), Join(stereo)}),
-       Concat(a, stereo),
-       {mono16k, Format(10, 44100, 2, 1152)},
-       false},
-      {"a change of format back and forth",
-       Join({Join(a), Join(other), Join(b)}),
-       Concat(Concat(a, other), b),
-       {mono16k, Format(10, 24000, 1, 576), Format(20, 16000, 1, 576)},
-       false},
+      {"a lone frame of another rate between frames", Join({Join(a), other[0], Join(b)}), ab, {mono16k}, false},
+      {"a change of rate and channel count", Join({Join(a), Join(stereo)}), Concat(a, stereo),
+       {mono16k, {10, 44100, 2, 1152}}, false},
+      {"a change of format back and forth", Join({Join(a), Join(other), Join(b)}), Concat(Concat(a, other), b),
+       {mono16k, {10, 24000, 1, 576}, {20, 16000, 1, 576}}, false},
   };
 }
 
@@ -186,18 +133,13 @@ TEST(StreamParserApi, RandomMixturesParseTheSameWhateverTheChunking) {
       const std::vector<Bytes>& run = pick(3) == 0 ? frames24k : frames16k;
       const size_t first = pick(run.size() / 2);
       switch (pick(4)) {
-        case 0:
-          pieces.push_back(FalseSyncs(1 + pick(3000)));
-          break;
-        case 1:
-          pieces.push_back(Id3v2(3, 0, FalseSyncs(pick(2000))));
-          break;
-        default:
-          pieces.emplace_back(Join(std::vector<Bytes>(run.begin() + first, run.begin() + first + 1 + pick(20))));
+        case 0: pieces.push_back(FalseSyncs(1 + pick(3000))); break;
+        case 1: pieces.push_back(Id3v2(3, 0, FalseSyncs(pick(2000)))); break;
+        default: pieces.push_back(Join({run.begin() + long(first), run.begin() + long(first + 1 + pick(20))}));
       }
     }
     const Bytes stream = Join(pieces);
-    const ParsedStream whole = ParseWhole(stream);
+    const ParsedStream whole = ParseInChunks(stream);
     for (const size_t largest : {size_t(1), size_t(7), size_t(3000)}) {
       std::uniform_int_distribution<size_t> sizes(1, largest);
       const ParsedStream chunked = ParseInChunks(stream, [&] { return sizes(random); });
@@ -221,25 +163,30 @@ TEST(StreamParserApi, AFailedStreamRefusesEveryLaterByte) {
 
 TEST(StreamParserApi, FramesOfOneCallComeTogetherInPlaceAtMost512PerCallback) {
   std::vector<Bytes> frames;
-  for (int copy = 0; copy < 6; ++copy) {
-    frames = Concat(frames, Frames(k16kMono, 0, 98));
-  }
-  const ParsedStream parsed = ParseWhole(Join(frames));
+  for (int copy = 0; copy < 6; ++copy) frames = Concat(frames, Frames(k16kMono, 0, 98));
+  const ParsedStream parsed = ParseInChunks(Join(frames));
 
   EXPECT_EQ(588u, parsed.packets.size());
   EXPECT_EQ(2u, parsed.packetCallbacks);
   EXPECT_EQ(0, std::count(parsed.offsets.begin(), parsed.offsets.end(), ParsedStream::kNotInPlace));
 }
 
-TEST(StreamParserApi, ClosedUnknownAndNullHandlesFailWithAStatus) {
-  ParserRecorder open;  // a live parser beside them must not be mistaken for them
-  AudioFileStreamID closed = nullptr;
-  ASSERT_EQ(noErr, AudioFileStreamOpen(
-                       nullptr, [](void*, AudioFileStreamID, AudioFileStreamPropertyID, uint32_t*) {},
-                       [](void*, uint32_t, uint32_t, const void*, AudioStreamPacketDescription*) {}, 0, &closed));
-  ASSERT_EQ(noErr, AudioFileStreamClose(closed));
-  const auto madeUp = reinterpret_cast<AudioFileStreamID>(uintptr_t(0x7FFF'FFFF'0000'0001));
+const AudioFileStream_PropertyListenerProc kIgnoreProperty = [](void*, AudioFileStreamID, AudioFileStreamPropertyID,
+                                                                uint32_t*) {};
+const AudioFileStream_PacketsProc kIgnorePackets = [](void*, uint32_t, uint32_t, const void*,
+                                                      AudioStreamPacketDescription*) {};
 
+TEST(StreamParserApi, HandlesAreNeverReusedAndStaleOnesFailWithAStatus) {
+  AudioFileStreamID closed = nullptr;
+  ASSERT_EQ(noErr, AudioFileStreamOpen(nullptr, kIgnoreProperty, kIgnorePackets, 0, &closed));
+  ASSERT_EQ(noErr, AudioFileStreamClose(closed));
+  std::set<AudioFileStreamID> seen{closed};
+  for (int i = 0; i < 1000; ++i) {
+    ParserRecorder recorder;  // live parsers beside them must not be mistaken for them
+    EXPECT_TRUE(seen.insert(recorder.stream()).second);
+  }
+  ParserRecorder open;
+  const auto madeUp = reinterpret_cast<AudioFileStreamID>(uintptr_t(0x7FFF'FFFF'0000'0001));
   for (const AudioFileStreamID handle : {closed, madeUp, AudioFileStreamID(nullptr)}) {
     const uint8_t byte = 0xFF;
     AudioStreamBasicDescription format{};
@@ -251,100 +198,85 @@ TEST(StreamParserApi, ClosedUnknownAndNullHandlesFailWithAStatus) {
   }
 }
 
-TEST(StreamParserApi, ParsersOnSeparateThreadsAreIndependent) {
-  const Bytes stream = Join(Frames(k16kMono, 0, 98));
-  const ParsedStream whole = ParseWhole(stream);
-  std::vector<ParsedStream> results(4);
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < results.size(); ++i) {
-    threads.emplace_back([&, i] {
-      for (int round = 0; round < 20; ++round) {
-        results[i] = ParseInChunks(stream, [&] { return i + 1; });
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  for (const ParsedStream& result : results) {
-    EXPECT_TRUE(whole.packets == result.packets);
-  }
-}
-
-TEST(StreamParserApi, HandlesAreNeverReused) {
-  std::set<AudioFileStreamID> seen;
-  for (int i = 0; i < 1000; ++i) {
-    ParserRecorder recorder;
-    EXPECT_TRUE(seen.insert(recorder.stream()).second);
-  }
-}
-
-TEST(StreamParserApi, OpenRefusesNullArgumentsAndOtherFileTypes) {
-  const AudioFileStream_PropertyListenerProc listener = [](void*, AudioFileStreamID, AudioFileStreamPropertyID,
-                                                           uint32_t*) {};
-  const AudioFileStream_PacketsProc packets = [](void*, uint32_t, uint32_t, const void*,
-                                                 AudioStreamPacketDescription*) {};
-  AudioFileStreamID stream = nullptr;
-  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamOpen(nullptr, nullptr, packets, 0, &stream));
-  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamOpen(nullptr, listener, nullptr, 0, &stream));
-  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamOpen(nullptr, listener, packets, 0, nullptr));
-  EXPECT_EQ(kAudioFileStreamError_UnsupportedFileType,
-            AudioFileStreamOpen(nullptr, listener, packets, FourCC("WAVE"), &stream));
-  EXPECT_EQ(nullptr, stream);
-}
-
-TEST(StreamParserApi, NullBytesAreRefusedUnlessThereAreNone) {
-  ParserRecorder recorder;
-  EXPECT_EQ(kAudioFileStreamError_IllegalOperation, AudioFileStreamParseBytes(recorder.stream(), 1, nullptr, 0));
-  EXPECT_EQ(noErr, AudioFileStreamParseBytes(recorder.stream(), 0, nullptr, 0));
-}
-
-TEST(StreamParserApi, PropertiesAreReadableOnceKnownAndRefusedOtherwise) {
+TEST(StreamParserApi, BadArgumentsAndPropertiesGiveTheirStatus) {
+  AudioFileStreamID refused = nullptr;
   ParserRecorder recorder;
   const AudioFileStreamID stream = recorder.stream();
   AudioStreamBasicDescription format{};
   uint32_t ready = 7;
-  uint32_t size = sizeof format;
-  EXPECT_EQ(kAudioFileStreamError_DataUnavailable,
-            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
-  size = sizeof ready;
-  EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &size, &ready));
+  uint32_t formatSize = sizeof format;
+  uint32_t readySize = sizeof ready;
+  const auto getFormat = [&](uint32_t size, uint32_t* sizeIn, void* into) {
+    if (sizeIn) *sizeIn = size;
+    return AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, sizeIn, into);
+  };
+  const auto getReady = [&](uint32_t size) {
+    readySize = size;
+    return AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &readySize, &ready);
+  };
+  struct Case {
+    const char* call;
+    OSStatus status;
+    OSStatus expected;
+  };
+  std::vector<Case> cases = {
+      {"open without listener", AudioFileStreamOpen(nullptr, nullptr, kIgnorePackets, 0, &refused),
+       kAudioFileStreamError_IllegalOperation},
+      {"open without packets", AudioFileStreamOpen(nullptr, kIgnoreProperty, nullptr, 0, &refused),
+       kAudioFileStreamError_IllegalOperation},
+      {"open into null", AudioFileStreamOpen(nullptr, kIgnoreProperty, kIgnorePackets, 0, nullptr),
+       kAudioFileStreamError_IllegalOperation},
+      {"open a WAVE file", AudioFileStreamOpen(nullptr, kIgnoreProperty, kIgnorePackets, FourCC("WAVE"), &refused),
+       kAudioFileStreamError_UnsupportedFileType},
+      {"null bytes", AudioFileStreamParseBytes(stream, 1, nullptr, 0), kAudioFileStreamError_IllegalOperation},
+      {"no bytes at null", AudioFileStreamParseBytes(stream, 0, nullptr, 0), noErr},
+      {"format before it is known", getFormat(sizeof format, &formatSize, &format),
+       kAudioFileStreamError_DataUnavailable},
+      {"ready before the format", getReady(sizeof ready), noErr},
+  };
   EXPECT_EQ(0u, ready);
-
   const Bytes frames = Join(Frames(k16kMono, 0, 3));
   ASSERT_EQ(noErr, recorder.Feed(frames, 0, frames.size()));
-  size = sizeof ready;
-  EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &size, &ready));
+  cases.insert(cases.end(), {
+      {"ready once known", getReady(sizeof ready), noErr},
+      {"format into more room", getFormat(sizeof format + 8, &formatSize, &format), noErr},
+      {"format into too little room", getFormat(sizeof format - 1, &formatSize, &format),
+       kAudioFileStreamError_BadPropertySize},
+      {"ready into too little room", getReady(sizeof ready - 1), kAudioFileStreamError_BadPropertySize},
+      {"an unknown property", AudioFileStreamGetProperty(stream, FourCC("dunk"), &formatSize, &format),
+       kAudioFileStreamError_UnsupportedProperty},
+      {"format without a size", getFormat(0, nullptr, &format), kAudioFileStreamError_IllegalOperation},
+      {"format into null", getFormat(sizeof format, &formatSize, nullptr), kAudioFileStreamError_IllegalOperation},
+  });
+  for (const Case& test : cases) EXPECT_EQ(test.status, test.expected) << test.call;
+  EXPECT_EQ(nullptr, refused);
   EXPECT_EQ(1u, ready);
-  size = sizeof format + 8;
-  EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
-  EXPECT_EQ(sizeof format, size);
+  EXPECT_EQ(noErr, getFormat(sizeof format + 8, &formatSize, &format));
+  EXPECT_EQ(sizeof format, formatSize);
   EXPECT_EQ(16000.0, format.mSampleRate);
+}
 
-  size = sizeof format - 1;
-  EXPECT_EQ(kAudioFileStreamError_BadPropertySize,
-            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
-  size = sizeof ready - 1;
-  EXPECT_EQ(kAudioFileStreamError_BadPropertySize,
-            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &size, &ready));
-  size = sizeof format;
-  EXPECT_EQ(kAudioFileStreamError_UnsupportedProperty,
-            AudioFileStreamGetProperty(stream, FourCC("dunk"), &size, &format));
-  EXPECT_EQ(kAudioFileStreamError_IllegalOperation,
-            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, nullptr, &format));
-  EXPECT_EQ(kAudioFileStreamError_IllegalOperation,
-            AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, nullptr));
+TEST(StreamParserApi, ParsersOnSeparateThreadsAreIndependent) {
+  const Bytes stream = Join(Frames(k16kMono, 0, 98));
+  const ParsedStream whole = ParseInChunks(stream);
+  std::vector<ParsedStream> results(4);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < results.size(); ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 20; ++round) results[i] = ParseInChunks(stream, [&] { return i + 1; });
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const ParsedStream& result : results) EXPECT_TRUE(whole.packets == result.packets);
 }
 
 TEST(StreamParserApi, FeedingFromInsideACallbackIsRefusedAndChangesNothing) {
   const Bytes stream = Join(Frames(k16kMono, 0, 20));
   ParserRecorder recorder;
   std::vector<OSStatus> nested;
-  const auto feedAgain = [&] {
+  recorder.onCallback = [&] {
     nested.push_back(AudioFileStreamParseBytes(recorder.stream(), uint32_t(stream.size()), stream.data(), 0));
   };
-  recorder.onProperty = [&](AudioFileStreamPropertyID) { feedAgain(); };
-  recorder.onPackets = feedAgain;
   recorder.FeedAll(stream, [] { return 1000; });
 
   EXPECT_FALSE(nested.empty());
@@ -360,13 +292,9 @@ TEST(StreamParserApi, ClosingFromInsideACallbackIsSafe) {
   } client;
   const auto closeOnPackets = [](void* data, uint32_t, uint32_t, const void*, AudioStreamPacketDescription*) {
     auto& self = *static_cast<Client*>(data);
-    if (self.packetCallbacks++ == 0) {
-      self.closeStatus = AudioFileStreamClose(self.stream);
-    }
+    if (self.packetCallbacks++ == 0) self.closeStatus = AudioFileStreamClose(self.stream);
   };
-  ASSERT_EQ(noErr, AudioFileStreamOpen(
-                       &client, [](void*, AudioFileStreamID, AudioFileStreamPropertyID, uint32_t*) {}, closeOnPackets,
-                       0, &client.stream));
+  ASSERT_EQ(noErr, AudioFileStreamOpen(&client, kIgnoreProperty, closeOnPackets, 0, &client.stream));
   const Bytes stream = Join(Frames(k16kMono, 0, 20));
 
   EXPECT_EQ(noErr, AudioFileStreamParseBytes(client.stream, uint32_t(stream.size()), stream.data(), 0));

@@ -85,9 +85,7 @@ TEST(StreamParserFrameHeader, EveryHeaderStaysWithinTheFrameSizeBounds) {
     const uint32_t word = 0xFFE00000u | rest;
     const uint8_t bytes[4] = {uint8_t(word >> 24), uint8_t(word >> 16), uint8_t(word >> 8), uint8_t(word)};
     const std::optional<Mp3FrameHeader> header = ParseMp3FrameHeader(bytes);
-    if (!header) {
-      continue;
-    }
+    if (!header) continue;
     smallest = std::min(smallest, header->frameBytes);
     largest = std::max(largest, header->frameBytes);
     ASSERT_EQ(header->version == Mp3Version::Mpeg1 ? 1152u : 576u, header->samplesPerFrame);
@@ -99,9 +97,7 @@ TEST(StreamParserFrameHeader, EveryHeaderStaysWithinTheFrameSizeBounds) {
 TEST(StreamParserFrameHeader, ReadsEveryCorpusFrameAsListedAndTellsInfoFramesApart) {
   for (const auto& row : ReadTsv("MANIFEST.tsv")) {
     const std::string& name = row.at("file");
-    if (name.rfind("bad_", 0) == 0 || name.size() < 4 || name.substr(name.size() - 4) != ".mp3") {
-      continue;
-    }
+    if (name.starts_with("bad_") || !name.ends_with(".mp3")) continue;
     const Bytes file = ReadCorpusFile(name);
     for (const CorpusFrame& frame : ReadCorpusFrames(name)) {
       SCOPED_TRACE(name + " at " + std::to_string(frame.offset));
@@ -148,50 +144,34 @@ TEST(StreamParserFrameHeader, FindsVbriAndXingFramesAtTheirOffsets) {
 }
 
 TEST(StreamParserFrameHeader, ProbesTagsAndWaitsOnlyOnTheirPrefixes) {
-  const auto bytes = [](std::initializer_list<int> values) {
-    Bytes out;
-    for (int value : values) {
-      out.push_back(uint8_t(value));
-    }
-    return out;
-  };
+  const auto bytes = [](std::initializer_list<int> values) { return Bytes(values.begin(), values.end()); };
   const auto text = [](const std::string& s) { return Bytes(s.begin(), s.end()); };
-  const auto concat = [](Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-  };
-  const auto ape = [&](uint32_t version, uint32_t size, uint32_t flags) {
-    Bytes out = text("APETAGEX");
-    for (uint32_t value : {version, size, 0u, flags, 0u, 0u}) {
-      out.insert(out.end(), {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)});
-    }
-    return out;
-  };
+  const auto id3 = [&](std::initializer_list<int> header) { return Join({text("ID3"), bytes(header)}); };
   const struct {
     const char* what;
     Bytes bytes;
     Mp3TagProbe::Kind kind;
     uint64_t tagBytes;
   } cases[] = {
-      {"ID3v2.3, 257 bytes after the header", concat(text("ID3"), bytes({3, 0, 0, 0, 0, 2, 1})), Mp3TagProbe::Tag,
+      {"ID3v2.3, 257 bytes after the header", id3({3, 0, 0, 0, 0, 2, 1}), Mp3TagProbe::Tag,
        10 + 257},
-      {"ID3v2.4 with a footer", concat(text("ID3"), bytes({4, 0, 0x10, 0, 0, 0, 5})), Mp3TagProbe::Tag, 25},
-      {"ID3v2.3 ignores the footer flag", concat(text("ID3"), bytes({3, 0, 0x10, 0, 0, 0, 5})), Mp3TagProbe::Tag, 15},
-      {"ID3v2 of the largest size", concat(text("ID3"), bytes({3, 0, 0, 0x7F, 0x7F, 0x7F, 0x7F})), Mp3TagProbe::Tag,
+      {"ID3v2.4 with a footer", id3({4, 0, 0x10, 0, 0, 0, 5}), Mp3TagProbe::Tag, 25},
+      {"ID3v2.3 ignores the footer flag", id3({3, 0, 0x10, 0, 0, 0, 5}), Mp3TagProbe::Tag, 15},
+      {"ID3v2 of the largest size", id3({3, 0, 0, 0x7F, 0x7F, 0x7F, 0x7F}), Mp3TagProbe::Tag,
        10 + 0x0FFFFFFF},
-      {"ID3v2 size not syncsafe", concat(text("ID3"), bytes({3, 0, 0, 0x80, 0x81, 0x90, 0xFF})), Mp3TagProbe::NotATag,
+      {"ID3v2 size not syncsafe", id3({3, 0, 0, 0x80, 0x81, 0x90, 0xFF}), Mp3TagProbe::NotATag,
        0},
-      {"ID3v2 of an unknown version", concat(text("ID3"), bytes({5, 0, 0, 0, 0, 0, 5})), Mp3TagProbe::NotATag, 0},
-      {"ID3v2 header cut short", concat(text("ID3"), bytes({3, 0})), Mp3TagProbe::NeedMore, 0},
+      {"ID3v2 of an unknown version", id3({5, 0, 0, 0, 0, 0, 5}), Mp3TagProbe::NotATag, 0},
+      {"ID3v2 header cut short", id3({3, 0}), Mp3TagProbe::NeedMore, 0},
       {"one byte that may start ID3", text("I"), Mp3TagProbe::NeedMore, 0},
       {"a prefix already ruled out", text("IX"), Mp3TagProbe::NotATag, 0},
       {"ID3v1", text("TAG"), Mp3TagProbe::Tag, 128},
       {"ID3v1 cut short", text("TA"), Mp3TagProbe::NeedMore, 0},
-      {"APE header", ape(2000, 100, 1u << 29 | 1u << 31), Mp3TagProbe::Tag, 132},
-      {"APE footer", ape(2000, 100, 1u << 31), Mp3TagProbe::Tag, 32},
-      {"APEv1 footer", ape(1000, 64, 0), Mp3TagProbe::Tag, 32},
-      {"APE of an unknown version", ape(3000, 100, 1u << 29), Mp3TagProbe::NotATag, 0},
-      {"APE smaller than its footer", ape(2000, 31, 1u << 29), Mp3TagProbe::NotATag, 0},
+      {"APE header", ApeHeader(2000, 100, 1u << 29 | 1u << 31), Mp3TagProbe::Tag, 132},
+      {"APE footer", ApeHeader(2000, 100, 1u << 31), Mp3TagProbe::Tag, 32},
+      {"APEv1 footer", ApeHeader(1000, 64, 0), Mp3TagProbe::Tag, 32},
+      {"APE of an unknown version", ApeHeader(3000, 100, 1u << 29), Mp3TagProbe::NotATag, 0},
+      {"APE smaller than its footer", ApeHeader(2000, 31, 1u << 29), Mp3TagProbe::NotATag, 0},
       {"APE header cut short", text("APETAGEX\xD0\x07"), Mp3TagProbe::NeedMore, 0},
       {"APE prefix ruled out", text("APETAGEY"), Mp3TagProbe::NotATag, 0},
       {"a frame header", bytes({0xFF, 0xF3, 0x68, 0xC4}), Mp3TagProbe::NotATag, 0},

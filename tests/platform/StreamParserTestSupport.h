@@ -1,11 +1,12 @@
-// Shared by the StreamParser*_test.cpp files: the corpus as the parser tests read it, and a
-// recorder that feeds bytes to a real parser in chosen chunks and writes down what comes back.
+// Shared by the platform tests: the corpus as they read it, byte helpers for tags, and a recorder
+// that feeds bytes to a real parser in chosen chunks and writes down what comes back.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -28,6 +29,14 @@ inline Bytes ReadCorpusFile(const std::string& name) {
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+// A corpus file of 16-bit little-endian samples.
+inline std::vector<int16_t> ReadCorpusSamples(const std::string& name) {
+  const Bytes bytes = ReadCorpusFile(name);
+  std::vector<int16_t> samples(bytes.size() / 2);
+  std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
+  return samples;
+}
+
 // A tab-separated file with a header row, each row as column name -> text.
 inline std::vector<std::map<std::string, std::string>> ReadTsv(const std::string& name) {
   std::ifstream in(CorpusPath(name));
@@ -35,9 +44,7 @@ inline std::vector<std::map<std::string, std::string>> ReadTsv(const std::string
   const auto split = [](const std::string& line) {
     std::vector<std::string> cells;
     std::stringstream stream(line);
-    for (std::string cell; std::getline(stream, cell, '\t');) {
-      cells.push_back(cell);
-    }
+    for (std::string cell; std::getline(stream, cell, '\t');) cells.push_back(cell);
     return cells;
   };
   std::string line;
@@ -47,11 +54,17 @@ inline std::vector<std::map<std::string, std::string>> ReadTsv(const std::string
   while (std::getline(in, line)) {
     const std::vector<std::string> cells = split(line);
     auto& row = rows.emplace_back();
-    for (size_t i = 0; i < columns.size() && i < cells.size(); ++i) {
-      row[columns[i]] = cells[i];
-    }
+    for (size_t i = 0; i < columns.size() && i < cells.size(); ++i) row[columns[i]] = cells[i];
   }
   return rows;
+}
+
+// A parameterised test's name for a corpus file: its name without ".mp3", '_' for anything else
+// that gtest does not take.
+inline std::string CorpusTestName(std::string file) {
+  file.resize(file.size() - 4);
+  for (char& c : file) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+  return file;
 }
 
 // One frame as the corpus lists it in <name>.frames.tsv.
@@ -68,8 +81,7 @@ struct CorpusFrame {
 
 inline std::vector<CorpusFrame> ReadCorpusFrames(const std::string& mp3Name) {
   std::vector<CorpusFrame> frames;
-  const std::string base = mp3Name.substr(0, mp3Name.size() - 4);
-  for (const auto& row : ReadTsv(base + ".frames.tsv")) {
+  for (const auto& row : ReadTsv(mp3Name.substr(0, mp3Name.size() - 4) + ".frames.tsv")) {
     const std::string mpeg = row.at("mpeg");
     frames.push_back({std::stoul(row.at("offset")), std::stoul(row.at("size")), row.at("kind"),
                       mpeg == "2.5" ? 25 : std::stoi(mpeg), uint32_t(std::stoul(row.at("rate"))),
@@ -82,18 +94,36 @@ inline std::vector<CorpusFrame> ReadCorpusFrames(const std::string& mp3Name) {
 // The frames a player must receive: all but a Xing/Info frame that starts the stream.
 inline std::vector<CorpusFrame> AudioFrames(const std::string& mp3Name) {
   std::vector<CorpusFrame> frames = ReadCorpusFrames(mp3Name);
-  if (!frames.empty() && frames.front().kind.rfind("info:", 0) == 0) {
-    frames.erase(frames.begin());
-  }
+  if (!frames.empty() && frames.front().kind.starts_with("info:")) frames.erase(frames.begin());
   return frames;
 }
 
 inline std::vector<Bytes> FrameBytes(const Bytes& file, const std::vector<CorpusFrame>& frames) {
   std::vector<Bytes> packets;
   for (const CorpusFrame& frame : frames) {
-    packets.emplace_back(file.begin() + frame.offset, file.begin() + frame.offset + frame.size);
+    packets.emplace_back(file.begin() + long(frame.offset), file.begin() + long(frame.offset + frame.size));
   }
   return packets;
+}
+
+// The audio frames of a corpus file, as packets.
+inline std::vector<Bytes> AudioFrameBytes(const std::string& mp3Name) {
+  return FrameBytes(ReadCorpusFile(mp3Name), AudioFrames(mp3Name));
+}
+
+inline Bytes Join(const std::vector<Bytes>& parts) {
+  Bytes joined;
+  for (const Bytes& part : parts) joined.insert(joined.end(), part.begin(), part.end());
+  return joined;
+}
+
+// An APE tag header (flags with bit 29) or footer: version, size (of items and footer), flags.
+inline Bytes ApeHeader(uint32_t version, uint32_t size, uint32_t flags) {
+  Bytes out = {'A', 'P', 'E', 'T', 'A', 'G', 'E', 'X'};
+  for (uint32_t value : {version, size, 0u, flags, 0u, 0u}) {
+    out.insert(out.end(), {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)});
+  }
+  return out;
 }
 
 // A format as the listener read it with AudioFileStreamGetProperty, and how many packets had
@@ -124,12 +154,7 @@ struct ParsedStream {
   std::vector<std::string> faults;  // broken promises seen inside the callbacks
 
   bool Failed() const {
-    for (OSStatus status : statuses) {
-      if (status != noErr) {
-        return true;
-      }
-    }
-    return false;
+    return std::any_of(statuses.begin(), statuses.end(), [](OSStatus status) { return status != noErr; });
   }
 };
 
@@ -149,7 +174,7 @@ class ParserRecorder {
   // Feeds bytes[from, from + size) from a copy of its own, freed as soon as the call returns, so that
   // a parser that keeps a pointer into the caller's bytes is caught by AddressSanitizer.
   OSStatus Feed(const Bytes& bytes, size_t from, size_t size) {
-    const Bytes chunk(bytes.begin() + from, bytes.begin() + from + size);
+    const Bytes chunk(bytes.begin() + long(from), bytes.begin() + long(from + size));
     chunkBegin_ = chunk.data();
     chunkEnd_ = chunk.data() + chunk.size();
     chunkOffset_ = int64_t(from);
@@ -171,27 +196,23 @@ class ParserRecorder {
   const ParsedStream& parsed() const { return parsed_; }
 
   // Called from inside the callbacks when set; runs after the recording.
-  std::function<void(AudioFileStreamPropertyID)> onProperty;
-  std::function<void()> onPackets;
+  std::function<void()> onCallback;
 
  private:
   static void OnProperty(void* client, AudioFileStreamID stream, AudioFileStreamPropertyID property, uint32_t*) {
     auto& self = *static_cast<ParserRecorder*>(client);
-    self.CheckStream(stream);
+    std::vector<std::string>& faults = self.parsed_.faults;
+    if (stream != self.stream_) faults.push_back("a callback naming another stream");
     if (property == kAudioFileStreamProperty_DataFormat) {
       self.expectReady_ = true;
     } else if (property == kAudioFileStreamProperty_ReadyToProducePackets) {
-      if (!self.expectReady_) {
-        self.parsed_.faults.push_back("ready-to-produce-packets without a data format before it");
-      }
+      if (!self.expectReady_) faults.push_back("ready-to-produce-packets without a data format before it");
       self.expectReady_ = false;
       self.RecordFormat();
     } else {
-      self.parsed_.faults.push_back("unexpected property");
+      faults.push_back("unexpected property");
     }
-    if (self.onProperty) {
-      self.onProperty(property);
-    }
+    if (self.onCallback) self.onCallback();
   }
 
   static void OnPackets(void* client, uint32_t numberBytes, uint32_t numberPackets, const void* data,
@@ -199,12 +220,8 @@ class ParserRecorder {
     auto& self = *static_cast<ParserRecorder*>(client);
     ParsedStream& parsed = self.parsed_;
     ++parsed.packetCallbacks;
-    if (self.expectReady_) {
-      parsed.faults.push_back("packets between the data format and ready-to-produce-packets");
-    }
-    if (parsed.formats.empty()) {
-      parsed.faults.push_back("packets before any format");
-    }
+    if (self.expectReady_) parsed.faults.push_back("packets between the data format and ready-to-produce-packets");
+    if (parsed.formats.empty()) parsed.faults.push_back("packets before any format");
     if (numberPackets == 0 || descriptions == nullptr) {
       parsed.faults.push_back("a packet callback without packets");
       return;
@@ -227,18 +244,8 @@ class ParserRecorder {
       parsed.offsets.push_back(inPlace ? self.chunkOffset_ + (bytes - self.chunkBegin_) + description.mStartOffset
                                        : ParsedStream::kNotInPlace);
     }
-    if (expectedOffset != int64_t(numberBytes)) {
-      parsed.faults.push_back("data beyond the last packet");
-    }
-    if (self.onPackets) {
-      self.onPackets();
-    }
-  }
-
-  void CheckStream(AudioFileStreamID stream) {
-    if (stream != stream_) {
-      parsed_.faults.push_back("a callback naming another stream");
-    }
+    if (expectedOffset != int64_t(numberBytes)) parsed.faults.push_back("data beyond the last packet");
+    if (self.onCallback) self.onCallback();
   }
 
   // Reads the format back from inside the listener, as the player does.
@@ -263,15 +270,11 @@ class ParserRecorder {
   int64_t chunkOffset_ = 0;
 };
 
-// Parses a whole stream in chunks of the sizes nextChunkSize returns.
-inline ParsedStream ParseInChunks(const Bytes& bytes, const std::function<size_t()>& nextChunkSize) {
+// Parses a whole stream in chunks of the sizes nextChunkSize returns; by default in one piece.
+inline ParsedStream ParseInChunks(const Bytes& bytes, std::function<size_t()> nextChunkSize = {}) {
   ParserRecorder recorder;
-  recorder.FeedAll(bytes, nextChunkSize);
+  recorder.FeedAll(bytes, nextChunkSize ? nextChunkSize : [&] { return bytes.size(); });
   return recorder.parsed();
-}
-
-inline ParsedStream ParseWhole(const Bytes& bytes) {
-  return ParseInChunks(bytes, [&] { return bytes.size(); });
 }
 
 }  // namespace stream_parser_test

@@ -30,17 +30,12 @@ class AudioBufPlayerTestPeer {
 
   // Internal operations, each with the mutex held.
   void setPlayerStopped() { locked([](AudioBufPlayer& p) { p.setPlayerStopped(); }); }
-  void resetAudioQueue() { locked([](AudioBufPlayer& p) { p.resetAudioQueue(); }); }
   void pauseIfNeeded() { locked([](AudioBufPlayer& p) { p.pauseIfNeeded(); }); }
   void resumeIfNeeded() { locked([](AudioBufPlayer& p) { p.resumeIfNeeded(); }); }
   OSStatus openAudioQueue(const AudioStreamBasicDescription& description) {
     OSStatus status = 0;
     locked([&](AudioBufPlayer& p) { status = p.openAudioQueueWithDescription(description); });
     return status;
-  }
-  void enqueue(std::span<const uint8_t> bytes, const AudioStreamPacketDescription* descriptions = nullptr,
-               uint32_t packets = 0) {
-    locked([&](AudioBufPlayer& p) { p.enqueData(bytes, descriptions, packets); });
   }
   void setOrResetAVSession(bool reset) { p_.setOrResetAVSession(reset); }
   void notifyDelegateOfError(AudioBufPlayerError error, const std::string& description) {
@@ -55,8 +50,6 @@ class AudioBufPlayerTestPeer {
   AudioFileStreamID audioFileStream() const { return p_.audioFileStream; }
   std::array<bool, AudioBufPlayer::kNumberOfBuffers> freeBuffers() const { return p_.FreeAudioQueueBuffers; }
   std::array<AudioQueueBufferRef, AudioBufPlayer::kNumberOfBuffers> buffers() const { return p_.audioQueueBuffer; }
-  size_t stagingCapacity() const { return p_.tmpAudioBuffer.capacity(); }
-  uint32_t descIndex() const { return p_.descIndex; }
   uint64_t receivedSamples() const { return p_.receivedSamples.load(); }
   double receivedAudioLength() const { return p_.receivedAudioLength.load(); }
   double sampleRate() const { return p_._sampleRate.load(); }

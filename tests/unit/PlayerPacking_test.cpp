@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <future>
 #include <numeric>
+#include <tuple>
 
 #include "unit/PlayerTestFixture.h"
 
@@ -131,15 +132,22 @@ TEST_F(PlayerPacking, ReceivedAudioIsCountedPerChunkAndReportedWithTheOffset) {
   EXPECT_EQ(lengths[0].thread, std::this_thread::get_id());
 }
 
+// The stream's format is recorded before the queue opens, whether it opens or not.
 TEST_F(PlayerPacking, DeliveryWithoutAQueueIsNeitherCountedNorSent) {
-  fake::failCall("AudioQueueNewOutput", kAudioQueueErr_DeviceFailed);
-  ASSERT_EQ(play(testBytes(16000), kPCM8K), AudioBufPlayerError_OK);
-  EXPECT_EQ(peer().receivedSamples(), 0u);
-  EXPECT_EQ(peer().receivedAudioLength(), 0.0);
-  EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 0u);
-  const std::vector<DelegateEvent> events = deliveredEvents();
-  EXPECT_TRUE(eventsNamed(events, "updatedTotalLength").empty());
-  EXPECT_EQ(eventsNamed(events, "PlayerError").size(), 1u);  // the failed opening
+  for (const auto& [format, rate, samplesPerPacket] : {std::tuple{kPCM8K, 8000.0, 1u}, {kMP3, 16000.0, 576u}}) {
+    SCOPED_TRACE(rate);
+    startOver();
+    fake::failCall("AudioQueueNewOutput", kAudioQueueErr_DeviceFailed);
+    ASSERT_EQ(play(testBytes(16000), format), AudioBufPlayerError_OK);
+    EXPECT_EQ(peer().samplesPerPacket(), samplesPerPacket);
+    EXPECT_EQ(peer().sampleRate(), rate);
+    EXPECT_EQ(peer().receivedSamples(), 0u);
+    EXPECT_EQ(peer().receivedAudioLength(), 0.0);
+    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 0u);
+    const std::vector<DelegateEvent> events = deliveredEvents();
+    EXPECT_TRUE(eventsNamed(events, "updatedTotalLength").empty());
+    EXPECT_EQ(eventsNamed(events, "PlayerError").size(), 1u);  // the failed opening
+  }
 }
 
 TEST_F(PlayerPacking, SecondProducerWaitsUntilTheFirstHasHandedOverItsWholeChunk) {

@@ -2,7 +2,7 @@
 // lines; the parser's lifetime (closed by the next MP3 opening or the player's end, its handle
 // kept by PCM sentences); the parse status lines and the single error of a rejected chunk; a
 // parser that cannot be opened. The MP3 format on "redy": the property lines, the description
-// block, the counters set before the queue opens, a failed read, a raised exception, a report
+// block, a failed read, a raised exception, a report
 // after the request ended, and a second report that reopens the queue.
 // Not here: real MP3 parsing (platform tests); what the queue does with the format (queue tests).
 #include "Audio/Platform/PlatformException.h"
@@ -139,15 +139,6 @@ TEST_F(PlayerStream, ReadyReportLogsThePropertiesAndTheFormatBlockAndOpensTheQue
   EXPECT_EQ(log.count("]found property 'redy'\n\n"), 1u);
   EXPECT_EQ(log.count("]Stream type MP3\n"), 1u);
   EXPECT_EQ(fake::lastQueue().state().format.mSampleRate, 22050.0);
-}
-
-TEST_F(PlayerStream, FormatIsRecordedBeforeTheQueueOpens) {
-  fake::failCall("AudioQueueNewOutput", kAudioQueueErr_DeviceFailed);
-  ASSERT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-  EXPECT_EQ(peer().samplesPerPacket(), 576u);
-  EXPECT_EQ(peer().sampleRate(), 16000.0);
-  EXPECT_EQ(peer().audioQueue(), nullptr);
-  EXPECT_EQ(peer().receivedSamples(), 0u) << "packets without a queue are dropped";
 }
 
 TEST_F(PlayerStream, FailedFormatReadEndsTheSentenceOnceAndLaterReportsAreIgnored) {

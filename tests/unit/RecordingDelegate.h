@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -61,18 +62,12 @@ class RecordingDelegate : public AudioBufPlayerDelegate {
   }
   size_t count(const std::string& name) const {
     std::lock_guard lock(mutex_);
-    size_t n = 0;
-    for (const auto& event : events_) n += event.name == name;
-    return n;
+    return countLocked(name);
   }
   // Waits until at least count events of that name have arrived.
   [[nodiscard]] bool waitFor(const std::string& name, size_t count = 1) {
     std::unique_lock lock(mutex_);
-    const bool arrived = changed_.wait_for(lock, kWaitTimeout, [&] {
-      size_t n = 0;
-      for (const auto& event : events_) n += event.name == name;
-      return n >= count;
-    });
+    const bool arrived = changed_.wait_for(lock, kWaitTimeout, [&] { return countLocked(name) >= count; });
     if (!arrived) ADD_FAILURE() << "timed out waiting for " << count << " x " << name;
     return arrived;
   }
@@ -88,6 +83,11 @@ class RecordingDelegate : public AudioBufPlayerDelegate {
     std::lock_guard lock(mutex_);
     events_.push_back(std::move(event));
     changed_.notify_all();
+  }
+
+  // Caller holds mutex_.
+  size_t countLocked(const std::string& name) const {
+    return size_t(std::count_if(events_.begin(), events_.end(), [&](const auto& event) { return event.name == name; }));
   }
 
   mutable std::mutex mutex_;
