@@ -1,8 +1,8 @@
 // Plan: pausing and restarting the queue for the client's pause and the system's interruption.
 // The decision table of pauseIfNeeded and resumeIfNeeded over the three bits, with their TRACE
 // lines showing the masked values (0/8, 0/4, 0/1024); a refused or failed restart;
-// session interruptions delivered by the session to a managing player: during play, during a
-// client's pause, with no request, without a type and with an unknown type.
+// session interruptions delivered by the session to a managing player: during play, after a
+// refused resume, during a client's pause, with no request, without a type and with an unknown type.
 // Not here: the first start's refusals (playback tests), pause and resume called twice (transport
 // tests). That nothing follows a notification is checked once the session has delivered it, which
 // is all the handler's work.
@@ -123,6 +123,15 @@ TEST_F(InterruptionTest, InterruptionPausesTheSentenceAndItsEndResumesIt) {
   const std::vector<DelegateEvent> events = deliveredEvents();
   EXPECT_EQ(sources(events), std::vector{AudioBufPlayerPauseSource_INTERRUPT});
   EXPECT_EQ(eventsNamed(events, "PlayerWasResumed").size(), 1u);
+}
+
+TEST_F(InterruptionTest, InterruptionsEndRestartsTheQueueAfterAResumeWasRefused) {
+  ASSERT_TRUE(fake::beginInterruption());
+  player->resume();  // refused with "!int", which gives back the session use
+  EXPECT_EQ(peer().status(), kPlaying | QP);
+  ASSERT_TRUE(fake::endInterruption());
+  EXPECT_EQ(peer().status(), kPlaying);
+  EXPECT_EQ(eventsNamed(deliveredEvents(), "PlayerWasResumed").size(), 1u);
 }
 
 TEST_F(InterruptionTest, InterruptionDuringTheClientsPauseLeavesTheRestartToResume) {

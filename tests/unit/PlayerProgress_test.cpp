@@ -1,8 +1,8 @@
 // Plan: the progress poll after each played buffer. The run-out edge against 2.0 s received (1.75 s
 // reports only; 1.7501 s stops the queue after what it holds, sets PS_ENDING and announces the end
 // before the progress, and again at every later poll), at the stream's own rate, with the offset
-// added to reported positions only; a failing time query or a poll without a request reports
-// nothing.
+// added to reported positions only, counted on from where a new queue took over; a failing time
+// query or a poll without a request reports nothing.
 // Not here: how the received length is counted (packing tests) and what the queue's stop leads to
 // (playback tests). Polls run on the fake queue's callback thread and the test waits for them.
 #include "unit/PlayerTestFixture.h"
@@ -57,6 +57,20 @@ TEST_F(PlayerTest, PollReportsThePositionAndEndsTheSentenceWithinAQuarterSecondO
     EXPECT_NEAR(progress.seconds, c.reported, 1e-9);
     EXPECT_EQ(progress.player, player.get());
   }
+}
+
+TEST_F(PlayerTest, PollCountsThePositionOfANewQueueFromWhereItTookOverTheSentence) {
+  ASSERT_EQ(play(twoSeconds(kPCM16K), kPCM16K), AudioBufPlayerError_OK);
+  // A change of format mid-sentence opens a new queue, whose clock starts again at 0.
+  const AudioStreamBasicDescription pcm16k{
+      16000.0, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2, 1, 2, 1, 16, 0};
+  ASSERT_EQ(peer().openAudioQueue(pcm16k), noErr);
+  ASSERT_EQ(append(twoSeconds(kPCM16K), kPCM16K), AudioBufPlayerError_OK);
+  auto queue = fake::lastQueue();
+  queue.setSampleTime(28001.6);  // 2 s + 1.7501 s of the 4 s received
+  ASSERT_TRUE(queue.playBack());
+  EXPECT_EQ(peer().status(), kPlaying | AudioBufPlayer::PS_ENDING);
+  EXPECT_NEAR(pollReports(*delegate).back().seconds, 3.7501, 1e-9);
 }
 
 TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {

@@ -256,6 +256,10 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   // progressQueue and the status word's change to a new request.
   std::mutex progressPollMutex;
   AudioQueueRef progressQueue = nullptr;  // the queue whose played buffers may end the current request
+  // What the request had received when progressQueue opened. A change of stream format mid-request
+  // replaces the queue, whose clock starts again at 0, and drops what the old one had not played:
+  // the request's position is this plus the new queue's.
+  double progressQueueStart = 0.0;
 
   mutable std::mutex propertyMutex;
   std::optional<std::string> _audioCategory;        // guarded by propertyMutex

@@ -36,6 +36,9 @@ OSStatus AudioBufPlayer::openAudioQueueWithDescription(AudioStreamBasicDescripti
     }
     FreeAudioQueueBuffers[i] = true;
   }
+  // A change of format mid-request replaces a queue whose buffers may all have been in flight: the
+  // producer would wait for one of them to come back, and none ever will.
+  clearStatus(PS_WAITING_FOR_BUFFER);
 
   status = AudioQueueAddPropertyListener(queue, kAudioQueueProperty_IsRunning, AudioQueueIsRunningCb, clientData());
   if (status != noErr) {
@@ -47,6 +50,7 @@ OSStatus AudioBufPlayer::openAudioQueueWithDescription(AudioStreamBasicDescripti
   {
     std::lock_guard lock(progressPollMutex);
     progressQueue = queue;
+    progressQueueStart = receivedAudioLength.load();
   }
   broadcastStatusChange();
   return status;

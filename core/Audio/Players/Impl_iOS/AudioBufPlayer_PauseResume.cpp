@@ -1,5 +1,6 @@
 // Keeps the output queue's pause state in step with the two reasons to pause: the client's pause
 // (PS_USER_PAUSED) and the system's hold (PS_INTERRUPTED). Caller holds playerStatusMutex.
+#include "Audio/Platform/AudioSession.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 
@@ -30,6 +31,13 @@ void AudioBufPlayer::resumeIfNeeded() {
       LOG_ERROR("AudioQueue start errored error: %d (%s)", int(started), FourCCText(started).data());
       if (started == kAudioSessionErr_Interrupted) {
         LOG_ERROR("Can't resume while audio is in interrupt!");
+        // Closing the session use may have ended the subscriptions, and with them the interruption's
+        // end, which is to try again: the sentence would stay paused until the next resume.
+        if (keepListeningForInterruptionEnd() && !AudioSession::sharedInstance().isInterrupted()) {
+          // It ended before the player listened again: its notification will not come.
+          resumeIfNeeded();
+          return;
+        }
       } else if (started == kAudioSessionErr_InBackground) {
         LOG_ERROR("Can't switch sentence while in background!");
       } else {

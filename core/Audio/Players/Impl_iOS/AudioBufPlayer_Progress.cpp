@@ -12,9 +12,11 @@ constexpr double aboutToRunOutOfDataWarningLimit = 0.25;
 
 void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
   if (!hasStatus(PS_ACTIVE)) return;
+  double queueStart = 0.0;
   {
     std::lock_guard lock(progressPollMutex);
     if (queue != progressQueue) return;
+    queueStart = progressQueueStart;
   }
   AudioTimeStamp timeStamp{};
   const OSStatus status = AudioQueueGetCurrentTime(queue, nullptr, &timeStamp, nullptr);
@@ -22,7 +24,9 @@ void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
     LOG_DEBUG("call AudioQueueGetCurrentTime returned: %d ignore value", int(status));
     return;
   }
-  const double played = timeStamp.mSampleTime / _sampleRate.load();
+  // Measured against this queue's clock alone, a request whose format changed would never come
+  // within reach of its received length, and would never end.
+  const double played = queueStart + timeStamp.mSampleTime / _sampleRate.load();
   LOG_TRACE("current playtime = %f", played);
 
   const double received = receivedAudioLength.load();
