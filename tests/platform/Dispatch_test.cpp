@@ -3,6 +3,7 @@
 //   here blocks until all of them are running).
 // - The main queue runs its tasks one at a time, in posting order, on one thread that is not the
 //   poster's; a task may post to it again.
+// - Waiting until both queues are idle sees the end of a chain of tasks that post to each other.
 // - A process exits (and runs its exit handlers) while tasks block on both queues and more wait.
 // Not tested: the retirement of idle threads, which only shows as time passes.
 #include "Audio/Platform/Dispatch.h"
@@ -10,7 +11,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <condition_variable>
 #include <cstdlib>
 #include <future>
@@ -21,6 +24,19 @@
 namespace {
 
 constexpr auto kDeadline = std::chrono::seconds(30);
+
+TEST(Dispatch, WaitUntilIdleSeesTheEndOfTasksPostingToEachOther) {
+  auto hops = std::make_shared<std::atomic<int>>(0);
+  std::function<void(int)> hop = [&hop, hops](int left) {
+    hops->fetch_add(1);
+    if (left > 0) {
+      dispatch_async(left % 2 ? dispatch_get_main_queue() : dispatch_get_global_queue(0, 0), [&hop, left] { hop(left - 1); });
+    }
+  };
+  dispatch_async(dispatch_get_global_queue(0, 0), [&hop] { hop(20); });
+  ASSERT_TRUE(dispatch_wait_until_idle(30.0));
+  EXPECT_EQ(hops->load(), 21);
+}
 
 TEST(Dispatch, GlobalQueueRunsManyBlockingTasksAtOnce) {
   constexpr int kTasks = 64;

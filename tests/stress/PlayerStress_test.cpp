@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "Audio/Platform/AudioSession.h"
+#include "Audio/Platform/Dispatch.h"
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "platform/StreamParserTestSupport.h"
@@ -126,19 +127,18 @@ class PlayerStress {
       lifetimes.push_back(slot.lifetime);
     }
     lifetimes.insert(lifetimes.end(), released_.begin(), released_.end());
-    // Players outlive their client by the tasks they posted, the longest of which holds the session
-    // for a while after the last sentence; nothing signals their end, so their expiry is polled.
-    const auto deadline = Clock::now() + kTeardownDeadline;
+    // Players outlive their client by the tasks they posted (the longest holds the session for a
+    // while after the last sentence) and by the queue callbacks in progress, which may post more.
+    const double seconds = std::chrono::duration<double>(kTeardownDeadline).count();
+    EXPECT_TRUE(dispatch_wait_until_idle(seconds));
+    EXPECT_TRUE(AudioQueueWaitForReleases(seconds));
+    EXPECT_TRUE(dispatch_wait_until_idle(seconds));
     const auto allGone = [&] {
       for (const auto& lifetime : lifetimes) {
         if (!lifetime.expired()) return false;
       }
       return true;
     };
-    while (!allGone() && Clock::now() < deadline) {
-      watchdog_->progress();  // this wait has a deadline of its own, with a clearer message
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     EXPECT_TRUE(allGone()) << "a player was never destroyed";
   }
 

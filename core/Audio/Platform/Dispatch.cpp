@@ -3,14 +3,51 @@
 #include "Audio/Platform/Dispatch.h"
 
 #include <chrono>
+#include <cstdint>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 struct DispatchQueue {
   virtual ~DispatchQueue() = default;
   virtual void post(std::function<void()> task) = 0;
+
+  // Waits until no task is queued or running; returns how many tasks had been posted by then, or
+  // nothing at the deadline.
+  std::optional<uint64_t> waitUntilIdle(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    if (!idle_.wait_until(lock, deadline, [this] { return unfinished_ == 0; })) return std::nullopt;
+    return posted_;
+  }
+
+ protected:
+  // Caller holds mutex_.
+  void queue(std::function<void()> task) {
+    tasks_.push_back(std::move(task));
+    ++unfinished_;
+    ++posted_;
+  }
+  // Caller holds mutex_, which is released while the task runs. The task's captures are released
+  // before it counts as finished, and outside the lock.
+  void runNext(std::unique_lock<std::mutex>& lock) {
+    std::function<void()> task = std::move(tasks_.front());
+    tasks_.pop_front();
+    lock.unlock();
+    task();
+    task = nullptr;
+    lock.lock();
+    if (--unfinished_ == 0) idle_.notify_all();
+  }
+
+  std::mutex mutex_;
+  std::deque<std::function<void()>> tasks_;  // guarded by mutex_
+
+ private:
+  std::condition_variable idle_;
+  size_t unfinished_ = 0;  // tasks queued or running; guarded by mutex_
+  uint64_t posted_ = 0;    // guarded by mutex_
 };
 
 namespace {
@@ -23,7 +60,7 @@ class ConcurrentQueue final : public DispatchQueue {
  public:
   void post(std::function<void()> task) override {
     std::unique_lock lock(mutex_);
-    tasks_.push_back(std::move(task));
+    queue(std::move(task));
     if (tasks_.size() <= idle_) {
       wakeup_.notify_one();
       return;
@@ -48,18 +85,11 @@ class ConcurrentQueue final : public DispatchQueue {
         --threads_;
         return;
       }
-      std::function<void()> task = std::move(tasks_.front());
-      tasks_.pop_front();
-      lock.unlock();
-      task();
-      task = nullptr;  // the task's captures are released outside the lock
-      lock.lock();
+      runNext(lock);
     }
   }
 
-  std::mutex mutex_;
   std::condition_variable wakeup_;
-  std::deque<std::function<void()>> tasks_;  // guarded by mutex_
   size_t idle_ = 0;                           // guarded by mutex_
   size_t threads_ = 0;                        // guarded by mutex_
 };
@@ -71,7 +101,7 @@ class SerialQueue final : public DispatchQueue {
 
   void post(std::function<void()> task) override {
     std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
+    queue(std::move(task));
     wakeup_.notify_one();
   }
 
@@ -80,18 +110,11 @@ class SerialQueue final : public DispatchQueue {
     std::unique_lock lock(mutex_);
     for (;;) {
       wakeup_.wait(lock, [this] { return !tasks_.empty(); });
-      std::function<void()> task = std::move(tasks_.front());
-      tasks_.pop_front();
-      lock.unlock();
-      task();
-      task = nullptr;
-      lock.lock();
+      runNext(lock);
     }
   }
 
-  std::mutex mutex_;
   std::condition_variable wakeup_;
-  std::deque<std::function<void()>> tasks_;  // guarded by mutex_
 };
 
 }  // namespace
@@ -107,6 +130,23 @@ dispatch_queue_t dispatch_get_main_queue() {
 }
 
 void dispatch_async(dispatch_queue_t queue, std::function<void()> task) { queue->post(std::move(task)); }
+
+bool dispatch_wait_until_idle(double timeoutSeconds) {
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(timeoutSeconds));
+  // A task of one queue may post to the other: both are idle once two rounds of waits in a row saw
+  // no task posted to either.
+  std::optional<uint64_t> before[2];
+  for (;;) {
+    const std::optional<uint64_t> now[2] = {dispatch_get_global_queue(0, 0)->waitUntilIdle(deadline),
+                                            dispatch_get_main_queue()->waitUntilIdle(deadline)};
+    if (!now[0] || !now[1]) return false;
+    if (before[0] == now[0] && before[1] == now[1]) return true;
+    before[0] = now[0];
+    before[1] = now[1];
+  }
+}
 
 void sleepForTimeInterval(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));

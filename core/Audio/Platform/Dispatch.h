@@ -17,5 +17,10 @@ dispatch_queue_t dispatch_get_main_queue();
 // Posts a task and returns at once. Callable from any thread, a task of either queue included.
 void dispatch_async(dispatch_queue_t queue, std::function<void()> task);
 
+// Waits until neither queue has a task queued or running, or until the timeout passes; returns
+// whether they became idle. For hosts and tests that must see every posted task done; never call it
+// from a task.
+bool dispatch_wait_until_idle(double timeoutSeconds);
+
 // Blocks the calling thread for the given number of seconds.
 void sleepForTimeInterval(double seconds);
