@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(Holds, BufplayHold,
 TEST(BufplayEvents, BackgroundHoldsTheNextSentenceUntilForeground) {
   REQUIRE_BUFPLAY();
   const Outcome outcome =
-      PlayOnNull({"--at", "0.2:background", "--at", "1.6:foreground", "--format", "pcm16k", kHelloPcm, kHelloPcm});
+      PlayOnNull({"--at", "0.5:background", "--at", "2.0:foreground", "--format", "pcm16k", kHelloPcm, kHelloPcm});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<Event> events = ParseEvents(outcome.out);
   const Sentence first(events, 1);
@@ -160,7 +160,7 @@ TEST(BufplayEvents, BackgroundHoldsTheNextSentenceUntilForeground) {
   ASSERT_NE(second.first("PlayerWasPaused"), nullptr);
   EXPECT_EQ(second.first("PlayerWasPaused")->source, "background");
   ASSERT_NE(second.first("PlayerWasResumed"), nullptr);
-  EXPECT_GE(second.first("PlayerWasResumed")->t, 1.6);
+  EXPECT_GE(second.first("PlayerWasResumed")->t, 2.0);
   ASSERT_NE(second.first("PlaybackFinished"), nullptr);
   EXPECT_GT(second.indexOf("PlaybackFinished"), second.indexOf("PlayerWasResumed"));
 }
