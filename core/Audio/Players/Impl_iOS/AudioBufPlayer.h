@@ -237,6 +237,9 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   bool producerInside = false;  // guarded by playerStatusMutex
   std::atomic<uint64_t> receivedSamples{0};
   std::atomic<double> receivedAudioLength{0.0};  // read by the progress poll without the mutex
+  // What the sentence had received when its current queue opened: a change of rate mid-stream opens
+  // a new queue, whose clock starts again at zero. Read by the progress poll without the mutex.
+  std::atomic<double> receivedBeforeQueue{0.0};
   std::atomic<double> _sampleRate{0.0};
   uint64_t SamplesPerPacket = 0;
   QEN_TTS::Audio::AudioPlayerAudioFormats _currentFormat = QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM8K;

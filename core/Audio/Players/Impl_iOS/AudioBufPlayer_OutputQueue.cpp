@@ -35,6 +35,9 @@ OSStatus AudioBufPlayer::openAudioQueueWithDescription(AudioStreamBasicDescripti
     }
     FreeAudioQueueBuffers[i] = true;
   }
+  // A change of format mid-sentence replaces a queue whose buffers may all have been in flight: the
+  // producer waiting for one of them would wait forever, as they never come back to this queue.
+  clearStatus(PS_WAITING_FOR_BUFFER);
 
   status = AudioQueueAddPropertyListener(queue, kAudioQueueProperty_IsRunning, AudioQueueIsRunningCb, clientData());
   if (status != noErr) {
@@ -43,6 +46,7 @@ OSStatus AudioBufPlayer::openAudioQueueWithDescription(AudioStreamBasicDescripti
     notifyDelegateOfPlatformError(AudioBufPlayerError_FAILED_OPEN_DEVICE, "AudioQueueAddPropertyListener", status);
     return status;
   }
+  receivedBeforeQueue.store(receivedAudioLength.load());
   {
     std::lock_guard lock(progressPollMutex);
     progressQueue = queue;

@@ -22,7 +22,7 @@ void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
     LOG_DEBUG("call AudioQueueGetCurrentTime returned: %d ignore value", int(status));
     return;
   }
-  const double played = timeStamp.mSampleTime / _sampleRate.load();
+  const double played = receivedBeforeQueue.load() + timeStamp.mSampleTime / _sampleRate.load();
   LOG_TRACE("current playtime = %f", played);
 
   const double received = receivedAudioLength.load();
