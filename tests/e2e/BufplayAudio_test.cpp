@@ -14,71 +14,16 @@
 #include <span>
 
 #include "e2e/BufplayProcess.h"
+#include "e2e/WavRecording.h"
 
 namespace bufplay_test {
 namespace {
-
-struct Recording {
-  uint32_t rate = 0;
-  uint16_t channels = 0;
-  std::vector<int16_t> samples;
-};
-
-uint32_t Little(const uint8_t* bytes, int count) {
-  uint32_t value = 0;
-  for (int i = count - 1; i >= 0; --i) value = value << 8 | bytes[i];
-  return value;
-}
-
-// Reads a recording of the WAV output by its chunks.
-Recording ReadRecording(const std::string& path) {
-  const std::vector<uint8_t> file = ReadBytes(path);
-  Recording recording;
-  for (size_t at = 12; at + 8 <= file.size();) {
-    const std::string id(file.begin() + std::ptrdiff_t(at), file.begin() + std::ptrdiff_t(at + 4));
-    const size_t size = Little(&file[at + 4], 4);
-    if (id == "fmt ") {
-      recording.channels = uint16_t(Little(&file[at + 10], 2));
-      recording.rate = Little(&file[at + 12], 4);
-    } else if (id == "data") {
-      for (size_t i = at + 8; i + 1 < at + 8 + size && i + 1 < file.size(); i += 2) {
-        recording.samples.push_back(int16_t(Little(&file[i], 2)));
-      }
-    }
-    at += 8 + size + (size & 1);
-  }
-  return recording;
-}
-
-std::vector<int16_t> Samples(const std::vector<uint8_t>& bytes) {
-  std::vector<int16_t> samples;
-  for (size_t i = 0; i + 1 < bytes.size(); i += 2) samples.push_back(int16_t(Little(&bytes[i], 2)));
-  return samples;
-}
 
 // Plays the arguments into scratch/out.wav, faster than real time, fed as fast as the player takes
 // the audio.
 Outcome PlayIntoWav(const ScratchFolder& scratch, std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), {"--output", "wav:" + scratch.file("out.wav"), "--speed", "4", "--pace", "0"});
   return RunBufplay(arguments);
-}
-
-// Whether `heard` is `fed` sample for sample (each within `tolerance`) with nothing added but
-// silence.
-bool FedWithOnlySilenceAdded(std::span<const int16_t> fed, std::span<const int16_t> heard, int tolerance = 0) {
-  size_t next = 0;  // of fed
-  for (const int16_t sample : heard) {
-    if (next < fed.size() && std::abs(sample - fed[next]) <= tolerance) {
-      ++next;
-    } else if (sample != 0) {
-      return false;
-    }
-  }
-  return next == fed.size();
-}
-
-MATCHER_P2(IsFedWithOnlySilenceAdded, fed, tolerance, "is the fed audio, with nothing added but silence") {
-  return FedWithOnlySilenceAdded(fed, arg, tolerance);
 }
 
 TEST(BufplayAudio, Mp3IsRecordedAsItsReferenceDecode) {

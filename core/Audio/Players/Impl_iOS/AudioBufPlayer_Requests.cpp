@@ -110,5 +110,11 @@ AudioBufPlayerError AudioBufPlayer::appendAudioData(std::span<const uint8_t> dat
         break;
     }
   }
+  if (result == AudioBufPlayerError_FAILED_PARSE_STREAM && receivedSamples.load() == 0) {
+    // The stream failed before any audio came of it: nothing was queued that could play out and end
+    // the sentence, so it ends here, as a rejected first chunk does.
+    clearRequestStatus();
+    broadcastStatusChange();
+  }
   return result;
 }
