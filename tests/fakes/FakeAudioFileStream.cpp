@@ -28,6 +28,8 @@ OSStatus FakeParser::parse(std::span<const uint8_t> bytes, const ParserBehaviour
 ParseContext::ParseContext(FakeParser& parser, std::span<const uint8_t> bytes, int call)
     : parser_(parser), bytes_(bytes), call_(call) {}
 
+int ParseContext::parser() const { return parser_.id; }
+AudioFileStreamID ParseContext::handle() const { return parser_.handle; }
 int ParseContext::call() const { return call_; }
 std::span<const uint8_t> ParseContext::bytes() const { return bytes_; }
 

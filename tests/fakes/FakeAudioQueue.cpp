@@ -133,12 +133,15 @@ OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp* inStartTime) 
   if (!refusal && call.world->inBackground.load()) refusal = kAudioSessionErr_InBackground;
   const OSStatus status = call.record("AudioQueueStart", "", refusal);
   if (!status) call.queue->state.started = true;
+  if (!status) call.queue->state.paused = false;
   return status;
 }
 
 OSStatus AudioQueuePause(AudioQueueRef inAQ) {
   QueueCall call(inAQ);
-  return call.record("AudioQueuePause", "", call.refusal());
+  const OSStatus status = call.record("AudioQueuePause", "", call.refusal());
+  if (!status) call.queue->state.paused = true;
+  return status;
 }
 
 OSStatus AudioQueueStop(AudioQueueRef inAQ, bool inImmediate) {

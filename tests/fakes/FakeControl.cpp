@@ -108,6 +108,8 @@ Queue queue(int id) {
 
 Queue lastQueue() { return queue(0); }
 
+size_t queueCount() { return world()->queueCount(); }
+
 void setParserDataFormat(const AudioStreamBasicDescription& format) {
   world()->setParserSettings([&](ParserSettings& settings) { settings.dataFormat = format; });
 }

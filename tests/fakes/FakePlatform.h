@@ -93,9 +93,11 @@ struct EnqueuedBuffer {
 
 // A copy of what the fake knows about one queue.
 struct QueueState {
+  int id = 0;  // q=N
   AudioStreamBasicDescription format{};
   std::vector<EnqueuedBuffer> enqueued;  // every accepted enqueue, oldest first
   bool started = false;                  // AudioQueueStart has succeeded at least once
+  bool paused = false;                   // AudioQueuePause since the last start
   bool disposed = false;
   bool running = false;         // what reportRunning() last said
   std::optional<float> volume;  // the last volume set
@@ -140,6 +142,8 @@ class Queue {
   std::shared_ptr<FakeQueue> queue_;  // null when the test asked for a queue that does not exist
 };
 
+// How many queues the test has created.
+size_t queueCount();
 // The test's queue q=id, or its most recent one; fails the test when there is none.
 Queue queue(int id);
 Queue lastQueue();
@@ -165,6 +169,8 @@ class FakeParser;
 // deliveries reach the player synchronously, on the calling thread, as the real parser's do.
 class ParseContext {
  public:
+  int parser() const;  // s=N
+  AudioFileStreamID handle() const;
   int call() const;  // 1 for the parser's first AudioFileStreamParseBytes
   std::span<const uint8_t> bytes() const;
 

@@ -24,6 +24,7 @@ std::vector<uint8_t> QueueState::allEnqueuedBytes() const {
 FakeQueue::FakeQueue(int id, AudioQueueRef handle, const AudioStreamBasicDescription& format,
                      AudioQueueOutputCallback callback, void* userData)
     : id(id), handle(handle), outputCallback_(callback), outputUserData_(userData) {
+  state.id = id;
   state.format = format;
 }
 

@@ -121,6 +121,11 @@ std::shared_ptr<FakeQueue> World::findQueue(AudioQueueRef handle) const {
   return nullptr;
 }
 
+size_t World::queueCount() const {
+  std::lock_guard lock(mutex_);
+  return queues_.size();
+}
+
 std::shared_ptr<FakeQueue> World::queue(int id) const {
   std::lock_guard lock(mutex_);
   if (id == 0 && !queues_.empty()) return queues_.back();

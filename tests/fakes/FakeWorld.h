@@ -91,6 +91,7 @@ class World {
 
   std::shared_ptr<FakeQueue> findQueue(AudioQueueRef handle) const;
   std::shared_ptr<FakeQueue> queue(int id) const;  // null when there is none; 0: the last one
+  size_t queueCount() const;
   std::shared_ptr<FakeParser> findParser(AudioFileStreamID handle) const;
 
   ParserSettings parserSettings() const;
