@@ -210,7 +210,7 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   void beginPlaying();
   void AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning);
   void endPlayback(AudioQueueRef stoppedQueue);
-  bool interruptionEndedBeforeListening();
+  bool keepListeningForInterruptionEnd();
 
   // Pause arbitration; caller holds playerStatusMutex.
   void pauseIfNeeded();

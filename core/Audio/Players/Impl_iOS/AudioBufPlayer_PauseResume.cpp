@@ -1,5 +1,6 @@
 // Keeps the output queue's pause state in step with the two reasons to pause: the client's pause
 // (PS_USER_PAUSED) and the system's hold (PS_INTERRUPTED). Caller holds playerStatusMutex.
+#include "Audio/Platform/AudioSession.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 
@@ -32,7 +33,8 @@ void AudioBufPlayer::resumeIfNeeded() {
         LOG_ERROR("Can't resume while audio is in interrupt!");
         // Closing the session use may have ended the subscriptions, and with them the interruption's
         // end, which is to try again: the sentence would stay paused until the next resume.
-        if (interruptionEndedBeforeListening()) {
+        if (keepListeningForInterruptionEnd() && !AudioSession::sharedInstance().isInterrupted()) {
+          // It ended before the player listened again: its notification will not come.
           resumeIfNeeded();
           return;
         }

@@ -27,9 +27,10 @@ void AudioBufPlayer::beginPlaying() {
     if (status == kAudioSessionErr_Interrupted) {
       LOG_ERROR("Can't switch sentence while audio is in interrupt!");
       setStatus(PS_QUEUE_PAUSED | PS_INTERRUPTED);
-      const bool alreadyEnded = interruptionEndedBeforeListening();
+      const bool listening = keepListeningForInterruptionEnd();
       NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_INTERRUPT);
-      if (alreadyEnded) {
+      if (listening && !AudioSession::sharedInstance().isInterrupted()) {
+        // It ended before the player listened again: its notification will not come.
         clearStatus(PS_INTERRUPTED);
         resumeIfNeeded();
       }
@@ -67,18 +68,15 @@ void AudioQueueIsRunningCb(void* pSelf, AudioQueueRef inAQ, AudioQueuePropertyID
 
 // Closing the refused start's session use ended the subscriptions, but only the end of the
 // interruption can lift this hold: a managing player stays subscribed until its next use closes.
-// Returns whether the interruption ended before the player listened again, when its notification
-// will not come and the caller must act on it.
-bool AudioBufPlayer::interruptionEndedBeforeListening() {
-  {
-    std::lock_guard lock(objectLock);
-    if (!AVSessionManagmentEnabled()) return false;
-    if (!isListeningInterruptions) {
-      isListeningInterruptions = true;
-      subscribeToSessionNotifications();
-    }
+// Returns whether the player listens.
+bool AudioBufPlayer::keepListeningForInterruptionEnd() {
+  std::lock_guard lock(objectLock);
+  if (!AVSessionManagmentEnabled()) return false;
+  if (!isListeningInterruptions) {
+    isListeningInterruptions = true;
+    subscribeToSessionNotifications();
   }
-  return !AudioSession::sharedInstance().isInterrupted();
+  return true;
 }
 
 // Running-state task; caller holds playerStatusMutex.
