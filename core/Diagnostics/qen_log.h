@@ -1,4 +1,5 @@
-// Diagnostic lines on standard error: "<time>[LEVEL][file.cpp:123]message\n", one fprintf each.
+// Diagnostic lines: "<time>[LEVEL][file.cpp:123]message\n", each written whole, to standard error
+// or to the host's sink (qen_log_control.h).
 //
 // The gate is asked first; when it says no, nothing of the line is evaluated (no time stamp, no
 // arguments, no formatting). Lines may be written from any thread; no lock is taken.
@@ -9,21 +10,18 @@
 #include <cstdio>
 #include <string>
 
+#include "Diagnostics/qen_log_control.h"
+
 namespace QEN_TTS {
 
-constexpr int QEN_LOG_LEVEL_ERROR = 2;
-constexpr int QEN_LOG_LEVEL_DEBUG = 5;
-constexpr int QEN_LOG_LEVEL_TRACE = 6;
-
-// Whether lines of this level are written: level <= the enabled level (ERROR by default).
+// Whether lines of this level are written: level <= the enabled level (none by default).
 bool can_log(int level);
-// Sets the most detailed level written, e.g. QEN_LOG_LEVEL_TRACE for everything.
-void set_log_level(int level);
-int log_level();
 // The time stamp that starts every line, in UTC: "2026-11-22T23:40:01.123Z ".
 std::string get_gmt_time();
 // The file name without its directories; points into path.
 const char* get_file_name(const char* path);
+// Formats one line and hands it whole to the sink, or to standard error in one write.
+[[gnu::format(printf, 1, 2)]] void write_log_line(const char* format, ...);
 
 }  // namespace QEN_TTS
 
@@ -34,8 +32,8 @@ std::array<char, 5> FourCCText(int32_t status);
   do {                                                                                              \
     if (QEN_TTS::can_log(level)) {                                                                  \
       const std::string qen_log_time_ = QEN_TTS::get_gmt_time();                                    \
-      fprintf(stderr, "%s[" word "][%s:%d]" format "\n", qen_log_time_.c_str(),                     \
-              QEN_TTS::get_file_name(__FILE__), __LINE__ __VA_OPT__(, ) __VA_ARGS__);               \
+      QEN_TTS::write_log_line("%s[" word "][%s:%d]" format "\n", qen_log_time_.c_str(),             \
+                              QEN_TTS::get_file_name(__FILE__), __LINE__ __VA_OPT__(, ) __VA_ARGS__); \
     }                                                                                               \
   } while (0)
 

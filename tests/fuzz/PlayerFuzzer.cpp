@@ -250,7 +250,7 @@ void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The player logs every chunk, far too slow for fuzzing; ABP_FUZZ_LOG=1 shows it all when
   // replaying one input.
-  QEN_TTS::set_log_level(std::getenv("ABP_FUZZ_LOG") ? QEN_TTS::QEN_LOG_LEVEL_TRACE : 0);
+  QEN_TTS::set_log_level(std::getenv("ABP_FUZZ_LOG") ? QEN_TTS::QEN_LOG_LEVEL_TRACE : QEN_TTS::QEN_LOG_LEVEL_OFF);
   return 0;
 }
 

@@ -1,8 +1,11 @@
-// Plan: the log line's exact shape, the level gate (including that nothing is evaluated when the
-// gate says no), and FourCCText for printable, zero and non-printable codes.
+// Plan: the log line's exact shape as a host's sink receives it, the level gate (including that
+// nothing is evaluated when the gate says no) and its default, and FourCCText for printable, zero
+// and non-printable codes.
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <string>
+#include <vector>
 
 #include "Diagnostics/qen_log.h"
 
@@ -23,12 +26,17 @@ int counted(int value) {
   return value;
 }
 
-TEST(DiagnosticLog, LineHasTimeLevelShortFileAndLine) {
+TEST(DiagnosticLog, SinkReceivesEachWholeLineWithTimeLevelShortFileAndLineInsteadOfStandardError) {
   LogLevelScope scope(QEN_TTS::QEN_LOG_LEVEL_TRACE);
+  std::vector<std::string> lines;
+  QEN_TTS::set_log_sink([&lines](std::string_view line) { lines.emplace_back(line); });
   testing::internal::CaptureStderr();
   const int line = __LINE__ + 1;
   LOG_DEBUG("Stream type %s", "MP3");
-  const std::string written = testing::internal::GetCapturedStderr();
+  QEN_TTS::set_log_sink(nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  ASSERT_EQ(lines.size(), 1u);
+  const std::string& written = lines[0];
   // "2026-11-22T23:40:01.123Z " then the fixed part.
   const std::string stamp = "0000-00-00T00:00:00.000Z ";
   ASSERT_GT(written.size(), stamp.size()) << written;
@@ -50,7 +58,8 @@ TEST(DiagnosticLog, GateWritesOnlyEnabledLevelsAndEvaluatesNothingElse) {
   };
   for (const Case c : {Case{QEN_TTS::QEN_LOG_LEVEL_ERROR, true, false, false},
                        Case{QEN_TTS::QEN_LOG_LEVEL_DEBUG, true, true, false},
-                       Case{QEN_TTS::QEN_LOG_LEVEL_TRACE, true, true, true}, Case{0, false, false, false}}) {
+                       Case{QEN_TTS::QEN_LOG_LEVEL_TRACE, true, true, true},
+                       Case{QEN_TTS::QEN_LOG_LEVEL_OFF, false, false, false}}) {
     LogLevelScope scope(c.enabled);
     evaluations = 0;
     testing::internal::CaptureStderr();
@@ -65,10 +74,8 @@ TEST(DiagnosticLog, GateWritesOnlyEnabledLevelsAndEvaluatesNothingElse) {
   }
 }
 
-TEST(DiagnosticLog, DefaultLevelIsError) {
-  EXPECT_TRUE(QEN_TTS::can_log(QEN_TTS::QEN_LOG_LEVEL_ERROR));
-  EXPECT_FALSE(QEN_TTS::can_log(QEN_TTS::QEN_LOG_LEVEL_DEBUG));
-}
+// The player logs every sentence's end at ERROR: a client hears nothing unless it asks.
+TEST(DiagnosticLog, DefaultWritesNothing) { EXPECT_FALSE(QEN_TTS::can_log(QEN_TTS::QEN_LOG_LEVEL_ERROR)); }
 
 TEST(FourCCText, TakesBytesMostSignificantFirstAsTheyAre) {
   struct Case {
