@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "TerminalLine.h"
+
 namespace {
 
 constexpr size_t kBarWidth = 24;
@@ -65,8 +67,7 @@ void LiveDisplay::show(const SentenceRecord& sentence, bool userPaused, double n
   if (state == shownState_ && now - shownAt_ < kRedrawSeconds) return;
   const std::string text = line(sentence, state, true);
   if (text == shownLine_) return;
-  std::fprintf(out_, "\r\033[K%s", text.c_str());
-  std::fflush(out_);
+  TerminalLine::instance().draw(out_, text);
   shownLine_ = text;
   shownState_ = state;
   shownAt_ = now;
@@ -77,14 +78,12 @@ void LiveDisplay::finish(const SentenceRecord& sentence) {
   if (sentence.firstAudioAfter) state += Format(", first audio after %.0f ms", *sentence.firstAudioAfter * 1000);
   if (sentence.refusedSeconds > 0) state += ", " + Seconds(sentence.refusedSeconds) + " of audio refused";
   // The line stays on screen, so it may wrap on a narrow terminal rather than lose the name.
-  std::fprintf(out_, "\r\033[K%s\n", line(sentence, state, false).c_str());
-  std::fflush(out_);
   clearLine();
+  TerminalLine::instance().printAbove(out_, line(sentence, state, false) + "\n");
 }
 
 void LiveDisplay::clearLine() {
-  std::fputs("\r\033[K", out_);
-  std::fflush(out_);
+  TerminalLine::instance().clear();
   shownLine_.clear();
   shownState_.clear();
 }
@@ -122,8 +121,7 @@ void LiveDisplay::summarize(const std::vector<SentenceRecord>& sentences, double
   summary += ", " + Plural(pauses, "pause") + ", " + Plural(int(underruns), "underrun");
   const std::string refused = RefusedAudioText(sentences);
   if (!refused.empty()) summary += "; " + refused;
-  std::fprintf(out_, "%s\n", summary.c_str());
-  std::fflush(out_);
+  TerminalLine::instance().printAbove(out_, summary + "\n");
 }
 
 std::string RefusedAudioText(const std::vector<SentenceRecord>& sentences) {

@@ -9,6 +9,7 @@
 #include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "TerminalLine.h"
 
 namespace {
 
@@ -363,6 +364,5 @@ bool Session::awaitingErrorReport() const {
 }
 
 void Session::reportProblem(const std::string& text) {
-  if (display_) display_->clearLine();
-  std::fprintf(stderr, "bufplay: %s\n", text.c_str());
+  TerminalLine::instance().printAbove(stderr, "bufplay: " + text + "\n");
 }

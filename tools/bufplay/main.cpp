@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
@@ -16,6 +17,7 @@
 #include "Options.h"
 #include "Session.h"
 #include "SignalWatch.h"
+#include "TerminalLine.h"
 
 namespace {
 
@@ -68,11 +70,11 @@ int main(int argc, char** argv) {
   const ParsedCommandLine commandLine = ParseCommandLine(argc, argv);
   if (!commandLine.options) return commandLine.exitStatus;
   const Options& options = *commandLine.options;
-  // Without -v the player's own lines stay off: bufplay names every problem itself, in one line, and
-  // the player logs the end of every sentence at ERROR.
-  constexpr int kNoDiagnostics = QEN_TTS::QEN_LOG_LEVEL_ERROR - 1;
-  const int levels[] = {kNoDiagnostics, QEN_TTS::QEN_LOG_LEVEL_DEBUG, QEN_TTS::QEN_LOG_LEVEL_TRACE};
+  // Without -v the player's own lines stay off (its default): bufplay names every problem itself, in
+  // one line, and the player logs the end of every sentence at ERROR.
+  const int levels[] = {QEN_TTS::QEN_LOG_LEVEL_OFF, QEN_TTS::QEN_LOG_LEVEL_DEBUG, QEN_TTS::QEN_LOG_LEVEL_TRACE};
   QEN_TTS::set_log_level(levels[options.verbosity]);
+  QEN_TTS::set_log_sink([](std::string_view line) { TerminalLine::instance().printAbove(stderr, line); });
 
   int exitStatus = 0;
   try {
