@@ -1,5 +1,7 @@
 // A speech client in miniature: three sentences (tones standing in for synthesized speech), each
 // handed to the player chunk by chunk as an engine would, the next once the last has finished.
+//   speak [-v] [OUTPUT]   OUTPUT: "default" (the sound card), "null" or "wav:PATH";
+//                         -v: the player's diagnostic lines, on standard error
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
@@ -7,10 +9,14 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
+#include "Diagnostics/qen_log_control.h"
 
 // The player calls it on its own threads, some while holding its locks: it only records and wakes.
 class Listener : public AudioBufPlayerDelegate {
@@ -43,7 +49,17 @@ class Listener : public AudioBufPlayerDelegate {
   std::optional<bool> outcome_;
 };
 
-int main() {
+int main(int argc, char** argv) {
+  int arg = 1;
+  if (arg < argc && std::string_view(argv[arg]) == "-v") {
+    ++arg;
+    QEN_TTS::set_log_level(QEN_TTS::QEN_LOG_LEVEL_DEBUG);
+    QEN_TTS::set_log_sink([](std::string_view line) { std::fprintf(stderr, "speak: %.*s", int(line.size()), line.data()); });
+  }
+  if (arg < argc && AudioOutputSelect(argv[arg]) != noErr) {
+    std::fprintf(stderr, "speak: no such output: %s\n", argv[arg]);
+    return 2;
+  }
   constexpr auto kFormat = QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K;
   constexpr size_t kChunk = 3200;  // 0.1 s, as an engine delivers it
   const auto player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, true);

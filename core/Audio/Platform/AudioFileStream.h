@@ -21,8 +21,6 @@
 
 #include "Audio/Platform/PlatformTypes.h"
 
-typedef struct OpaqueAudioFileStreamID* AudioFileStreamID;
-
 // A property became known: kAudioFileStreamProperty_DataFormat, then
 // kAudioFileStreamProperty_ReadyToProducePackets before the first packets (again, before the first
 // packet of the new format, after a change of rate or channel count). ioFlags is not used.

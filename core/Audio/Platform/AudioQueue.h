@@ -11,15 +11,12 @@
 
 #include "Audio/Platform/PlatformTypes.h"
 
-typedef struct OpaqueAudioQueue* AudioQueueRef;
-
 // A buffer of a queue. The client fills mAudioData and sets mAudioDataByteSize before enqueueing.
 struct AudioQueueBuffer {
   const uint32_t mAudioDataBytesCapacity;
   void* const mAudioData;
   uint32_t mAudioDataByteSize;
 };
-typedef AudioQueueBuffer* AudioQueueBufferRef;
 
 // Called when the queue has finished with a buffer: for a played buffer, once the sound output has
 // consumed its last frame. Runs on the queue's callback thread.

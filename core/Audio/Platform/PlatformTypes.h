@@ -22,6 +22,12 @@ constexpr uint32_t FourCC(const char (&text)[5]) {
 
 constexpr OSStatus noErr = 0;
 
+// Handles of the output queue (AudioQueue.h) and of the stream parser (AudioFileStream.h).
+typedef struct OpaqueAudioQueue* AudioQueueRef;
+struct AudioQueueBuffer;
+typedef AudioQueueBuffer* AudioQueueBufferRef;
+typedef struct OpaqueAudioFileStreamID* AudioFileStreamID;
+
 // Stream format record, 40 bytes as on the platform.
 struct AudioStreamBasicDescription {
   double mSampleRate;

@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "Audio/Platform/AudioQueue.h"
+#include "Audio/Platform/PlatformTypes.h"
+#include "audiobufplayer_export.h"
 
 // Chooses the sound output of the queues created from now on, for the whole process; queues that
 // exist keep theirs. `output` is one of:
@@ -30,11 +31,11 @@
 // period then holds `speed` times as many frames (up to a second of audio), so a faster clock
 // wakes no more often. It must be 1 for the others. Returns kAudioQueueErr_InvalidParameter for anything else, and then
 // changes nothing. Before any call the selection is "default".
-OSStatus AudioOutputSelect(const std::string& output, double speed = 1.0);
+AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputSelect(const std::string& output, double speed = 1.0);
 
 // Whether the machine has a sound output for "default". The first call sets PortAudio up, once per
 // process; it prints nothing.
-bool PortAudioOutputExists();
+AUDIOBUFPLAYER_EXPORT bool PortAudioOutputExists();
 
 // Moves the manual clock of `queue` by `frames` frames of its sound output, on the calling thread,
 // as its sound output would, period by period (10 ms). Before each period it waits until the
@@ -44,7 +45,7 @@ bool PortAudioOutputExists();
 // callback thread it does not wait. Do not call it while a callback of the queue waits for the
 // caller. Fails with kAudioQueueErr_InvalidQueue for an unknown or disposed queue and with
 // kAudioQueueErr_InvalidParameter when the queue does not play through a manual clock.
-OSStatus AudioOutputManualAdvance(AudioQueueRef queue, uint32_t frames, std::vector<int16_t>* heard);
+AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputManualAdvance(AudioQueueRef queue, uint32_t frames, std::vector<int16_t>* heard);
 
 // What a queue has done so far. Frames are counted at the stream's own rate.
 struct AudioQueueCounters {
@@ -54,12 +55,12 @@ struct AudioQueueCounters {
   double firstFrameLatency = -1.0;     // seconds from the first start to the first frame heard; -1 before
   uint64_t undecodablePackets = 0;     // MP3 packets that yielded no audio (damaged, or of another format)
 };
-OSStatus AudioQueueGetCounters(AudioQueueRef queue, AudioQueueCounters* outCounters);
+AUDIOBUFPLAYER_EXPORT OSStatus AudioQueueGetCounters(AudioQueueRef queue, AudioQueueCounters* outCounters);
 
 // The queue created last in the process (disposed or not), or null before the first: a host that
 // plays one sentence at a time reads the current sentence's counters through it.
-AudioQueueRef AudioOutputNewestQueue();
+AUDIOBUFPLAYER_EXPORT AudioQueueRef AudioOutputNewestQueue();
 
 // Waits until every queue disposed so far has finished its last callback and released its memory
 // and sound output, or until the timeout passes. Returns whether they all have.
-bool AudioQueueWaitForReleases(double timeoutSeconds);
+AUDIOBUFPLAYER_EXPORT bool AudioQueueWaitForReleases(double timeoutSeconds);

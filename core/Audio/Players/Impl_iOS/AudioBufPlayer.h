@@ -24,14 +24,14 @@
 #include <string>
 #include <vector>
 
-#include "Audio/Platform/AudioFileStream.h"
-#include "Audio/Platform/AudioQueue.h"
+#include "Audio/Platform/PlatformTypes.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayerDelegate.h"
 #include "Audio/Players/qen_AudioPlayer.h"
+#include "audiobufplayer_export.h"
 
 struct Notification;
 
-class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
+class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
  public:
   // Status word flags.
   static constexpr uint16_t PS_ACTIVE = 0x0001;              // a sentence is under way

@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <string>
 
+#include "audiobufplayer_export.h"
+
 class AudioBufPlayer;
 
 enum AudioBufPlayerError : int32_t {
@@ -36,7 +38,7 @@ enum AudioBufPlayerPauseSource : int32_t {
   AudioBufPlayerPauseSource_BACKGROUND = 2,  // the application is in the background
 };
 
-class AudioBufPlayerDelegate {
+class AUDIOBUFPLAYER_EXPORT AudioBufPlayerDelegate {
  public:
   virtual ~AudioBufPlayerDelegate() = default;
 

@@ -2,6 +2,7 @@
 // all are in the queue; played buffers come back through a task on the global work queue.
 #include <cstring>
 
+#include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/Dispatch.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"

@@ -1,5 +1,6 @@
 // Creating and disposing of the output queue, and ending a request's status.
 // Caller holds playerStatusMutex.
+#include "Audio/Platform/AudioQueue.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 

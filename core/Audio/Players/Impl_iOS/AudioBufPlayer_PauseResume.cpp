@@ -1,5 +1,6 @@
 // Keeps the output queue's pause state in step with the two reasons to pause: the client's pause
 // (PS_USER_PAUSED) and the system's hold (PS_INTERRUPTED). Caller holds playerStatusMutex.
+#include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"

@@ -1,6 +1,7 @@
 // Starting the output queue after a request's first buffer, and following its running state to the
 // end of the sentence. The queue's callbacks only post tasks; the tasks take playerStatusMutex and
 // ignore a queue that is no longer the current one.
+#include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/Dispatch.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"

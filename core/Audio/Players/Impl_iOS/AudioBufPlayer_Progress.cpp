@@ -1,6 +1,7 @@
 // The play position, polled once per played buffer, and the end of a sentence 0.25 s before the
 // received audio runs out. Runs on the output queue's callback thread: it never takes
 // playerStatusMutex, reads the counters through atomics and sets PS_ENDING atomically.
+#include "Audio/Platform/AudioQueue.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 

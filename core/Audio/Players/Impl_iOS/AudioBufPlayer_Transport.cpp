@@ -1,4 +1,5 @@
 // Volume, pause, resume, start and stop. Each takes playerStatusMutex for its whole run.
+#include "Audio/Platform/AudioQueue.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 
 void AudioBufPlayer::setVolume(float volume) {
