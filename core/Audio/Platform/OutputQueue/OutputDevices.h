@@ -45,7 +45,8 @@ AUDIOBUFPLAYER_EXPORT bool PortAudioOutputExists();
 // callback thread it does not wait. Do not call it while a callback of the queue waits for the
 // caller. Fails with kAudioQueueErr_InvalidQueue for an unknown or disposed queue and with
 // kAudioQueueErr_InvalidParameter when the queue does not play through a manual clock.
-AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputManualAdvance(AudioQueueRef queue, uint32_t frames, std::vector<int16_t>* heard);
+AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputManualAdvance(AudioQueueRef queue, uint32_t frames,
+                                                      std::vector<int16_t>* heard);
 
 // What a queue has done so far. Frames are counted at the stream's own rate.
 struct AudioQueueCounters {
