@@ -54,7 +54,8 @@ int main(int argc, char** argv) {
   if (arg < argc && std::string_view(argv[arg]) == "-v") {
     ++arg;
     QEN_TTS::set_log_level(QEN_TTS::QEN_LOG_LEVEL_DEBUG);
-    QEN_TTS::set_log_sink([](std::string_view line) { std::fprintf(stderr, "speak: %.*s", int(line.size()), line.data()); });
+    QEN_TTS::set_log_sink(
+        [](std::string_view line) { std::fprintf(stderr, "speak: %.*s", int(line.size()), line.data()); });
   }
   if (arg < argc && AudioOutputSelect(argv[arg]) != noErr) {
     std::fprintf(stderr, "speak: no such output: %s\n", argv[arg]);
