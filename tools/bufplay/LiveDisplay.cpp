@@ -93,9 +93,9 @@ std::string LiveDisplay::line(const SentenceRecord& sentence, const std::string&
   // Built with append: GCC 12 warns falsely (-Wrestrict) about a chain of string additions here.
   std::string counter = "[";
   counter.append(std::to_string(sentence.number)).append("/").append(std::to_string(sentenceCount_)).append("] ");
-  const std::string tail = " [" + Bar(sentence.played, sentence.received, sentence.file->seconds()) + "] " +
+  const std::string tail = " [" + Bar(sentence.played, sentence.received, sentence.source->seconds()) + "] " +
                            Format("%.2f", sentence.played) + "/" + Seconds(sentence.received) + "  " + state;
-  std::string name = BaseName(sentence.file->name());
+  std::string name = BaseName(sentence.source->name());
   const size_t used = counter.size() + tail.size() + 1;  // the last column stays free: no wrap
   const size_t columns = TerminalColumns(out_);
   const size_t room = columns > used ? columns - used : 0;

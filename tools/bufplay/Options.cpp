@@ -6,6 +6,7 @@
 #include <map>
 
 #include "BadInput.h"
+#include "ExitStatus.h"
 
 using QEN_TTS::Audio::AudioPlayerAudioFormats;
 
@@ -20,18 +21,26 @@ const std::map<std::string, AudioPlayerAudioFormats> kFormatNames{
 constexpr const char* kDescription =
     "Streams each FILE, one sentence each, into an AudioBufPlayer the way a speech engine does:\n"
     "the first chunk with playData, the rest with appendAudioData, the next file once the\n"
-    "sentence has finished. On a terminal: a live line per sentence and a summary; space pauses\n"
-    "and resumes, q stops.";
+    "sentence has finished. FILE - reads standard input as it arrives (a synthesizer's pipe).\n"
+    "On a terminal: a live line per sentence and a summary; space pauses and resumes, q stops.";
 
 constexpr const char* kFooter =
+    "Examples:\n"
+    "  bufplay samples/hello.mp3 samples/hello.wav          two sentences on the sound output\n"
+    "  espeak-ng --stdout \"Hello there\" | bufplay -        a synthesizer's WAV, as it is written\n"
+    "  bufplay --format pcm16k --chunk 1600 --pace 1 speech.raw   a real-time producer\n"
+    "  bufplay --output wav:heard.wav --speed 8 samples/hello.mp3  record what would be heard\n"
+    "\n"
     "Times (--at, and \"t\" in --events) are wall-clock seconds since the first playData.\n"
     "Exit status: 0 when every sentence finished (or you stopped playback), 1 when the player\n"
-    "reported an error, 2 for bad arguments or unreadable files.";
+    "reported an error, 2 for bad arguments or input that cannot be read or played, 3 when the\n"
+    "player refused audio that came after a sentence's run-out point (the producer fell behind;\n"
+    "the seconds lost are named).";
 
 // CLI11 prints its own "Run with --help" lines; one line naming the problem is what bufplay gives.
 int ReportBadArgument(const std::string& message) {
   std::fprintf(stderr, "bufplay: %s (see bufplay --help)\n", message.c_str());
-  return 2;
+  return kExitBadInput;
 }
 
 }  // namespace
@@ -45,12 +54,16 @@ ParsedCommandLine ParseCommandLine(int argc, char** argv) {
   CLI::App app(kDescription, "bufplay");
   app.footer(kFooter);
   app.get_formatter()->column_width(30);
-  app.add_option("FILE", options.files, "Audio of one sentence: .mp3, .wav (16-bit mono, 8 or 16 kHz), .pcm/.raw")
+  app.add_option("FILE", options.files, "Audio of one sentence: .mp3, .wav (16-bit PCM), .pcm/.raw; - for standard input")
       ->type_name("")
       ->required();
-  app.add_option("--format", format, "pcm8k|pcm16k|mp3 (default: from the file name)")
+  app.add_option("--format", format, "pcm8k|pcm16k|mp3 (default: from the file name, or the first bytes of -)")
       ->type_name("NAME")
       ->check(CLI::IsMember({"pcm8k", "pcm16k", "mp3"}).description(""));
+  app.add_option_function<uint32_t>(
+         "--rate", [&](uint32_t rate) { options.rate = rate; }, "Raw input is 16-bit mono PCM at HZ, converted for the player")
+      ->type_name("HZ")
+      ->check(CLI::Range(uint32_t(1000), uint32_t(768000)).description(""));
   app.add_option("--chunk", options.chunkBytes, "Bytes per chunk handed to the player")
       ->type_name("BYTES")
       ->capture_default_str()
@@ -59,6 +72,10 @@ ParsedCommandLine ParseCommandLine(int argc, char** argv) {
       ->type_name("X")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 1e6).description(""));
+  app.add_option("--lead", options.lead, "Seconds of audio held before the first playData of a sentence; 0: none")
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 3600.0).description(""));
   app.add_option("--output", options.output,
                  "default|null|wav:PATH: the sound card, nothing, or WAV recordings (PATH, then PATH-2... per sentence)")
       ->type_name("WHERE")
@@ -108,6 +125,10 @@ ParsedCommandLine ParseCommandLine(int argc, char** argv) {
   }
 
   if (!format.empty()) options.format = kFormatNames.at(format);
+  if (options.rate && format == "mp3") return {std::nullopt, ReportBadArgument("--rate declares raw PCM, not mp3")};
+  if (std::count(options.files.begin(), options.files.end(), "-") > 1) {
+    return {std::nullopt, ReportBadArgument("standard input (-) can be read once only")};
+  }
   const std::string& output = options.output;
   if (output != "default" && output != "null" && (output.rfind("wav:", 0) != 0 || output.size() == 4)) {
     return {std::nullopt, ReportBadArgument("--output " + output + ": expected default, null or wav:PATH")};

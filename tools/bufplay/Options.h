@@ -10,10 +10,15 @@
 #include "ScriptedAction.h"
 
 struct Options {
-  std::vector<std::string> files;  // one sentence each, played in order
-  std::optional<QEN_TTS::Audio::AudioPlayerAudioFormats> format;  // absent: from each file's name
+  std::vector<std::string> files;  // one sentence each, played in order; "-" is standard input
+  std::optional<QEN_TTS::Audio::AudioPlayerAudioFormats> format;  // absent: from each file's name or first bytes
+  std::optional<uint32_t> rate;  // raw PCM of this rate, converted for the player
   size_t chunkBytes = 3200;
   double pace = 4;  // producer speed against playback; 0: as fast as the player takes it
+  // Audio held before the first playData of a sentence. Half a second keeps a producer that
+  // delivers in real time clear of the player's run-out point (0.25 s) with room for its chunks
+  // to come late, and delays the first sound of such a producer by no more.
+  double lead = 0.5;
   std::string output = "default";
   double speed = 1;  // clock factor of the null and wav outputs
   float volume = 1;

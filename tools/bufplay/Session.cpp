@@ -9,6 +9,7 @@
 #include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "ExitStatus.h"
 
 namespace {
 
@@ -35,18 +36,19 @@ const char* RefusalText(AudioBufPlayerError error) {
 
 }  // namespace
 
-Session::Session(const Options& options, const std::vector<SentenceFile>& files,
+Session::Session(const Options& options, const std::vector<std::unique_ptr<SentenceSource>>& sources,
                  std::shared_ptr<AudioBufPlayer> player, SignalWatch& signals, SessionViews views)
     : options_(options),
       events_(std::make_shared<EventQueue>()),
       player_(std::move(player)),
-      producer_(std::make_unique<Producer>(player_, options.pace * options.speed, options.offset, clock_, events_)),
+      producer_(std::make_unique<Producer>(player_, options.pace * options.speed, options.lead, options.offset, clock_,
+                                           events_)),
       signals_(signals),
       eventLog_(std::move(views.eventLog)),
       timeline_(std::move(views.timeline)),
       display_(std::move(views.display)),
       keys_(std::move(views.keys)) {
-  for (const SentenceFile& file : files) records_.emplace_back(file, int(records_.size()) + 1);
+  for (const std::unique_ptr<SentenceSource>& source : sources) records_.emplace_back(*source, int(records_.size()) + 1);
 }
 
 Session::~Session() {
@@ -75,7 +77,10 @@ int Session::run() {
   if (display_) display_->summarize(records_, end);
   if (timeline_) timeline_->write(end);
   if (exitStatus_) return *exitStatus_;
-  return playerErrors_ ? 1 : 0;
+  if (playerErrors_) return kExitPlayerError;
+  const bool refused = std::any_of(records_.begin(), records_.end(),
+                                   [](const SentenceRecord& sentence) { return sentence.refusedSeconds > 0; });
+  return refused ? kExitAudioRefused : kExitFinished;
 }
 
 void Session::waitForWork() {
@@ -103,7 +108,7 @@ void Session::onKey(char key) {
   if (key == ' ') {
     userPaused_ ? resume() : pause();
   } else if (key == 'q' || key == 'Q') {
-    quit(0);
+    quit(kExitFinished);
   }
 }
 
@@ -143,7 +148,7 @@ void Session::onEvent(const SessionEvent& event) {
     case SessionEvent::Error:
       playerErrors_ = true;
       sentence.errorReported = true;
-      reportProblem(sentence.file->name() + ": " + event.description);
+      reportProblem(sentence.source->name() + ": " + event.description);
       break;
     case SessionEvent::Paused:
       ++sentence.pauses;
@@ -170,7 +175,7 @@ void Session::onFeedEnded(const SessionEvent& event) {
     case FeedOutcome::RunOutRefused:
       sentence.refusedSeconds = event.seconds;
       // On a terminal the summary says so.
-      if (!display_) reportProblem(sentence.file->name() + ": " + RefusedAudioText({sentence}));
+      if (!display_) reportProblem(sentence.source->name() + ": " + RefusedAudioText({sentence}));
       return;
     case FeedOutcome::FailedAtStart:
     case FeedOutcome::FailedLater:
@@ -178,7 +183,7 @@ void Session::onFeedEnded(const SessionEvent& event) {
   }
   playerErrors_ = true;
   sentence.errorExpected = ReportedToDelegateToo(event.error);
-  if (!sentence.errorExpected) reportProblem(sentence.file->name() + ": " + RefusalText(event.error));
+  if (!sentence.errorExpected) reportProblem(sentence.source->name() + ": " + RefusalText(event.error));
   if (!isCurrent) return;
   if (event.outcome == FeedOutcome::FailedAtStart) {
     endSentence(SentenceRecord::End::Failed);  // the player has reset the request itself
@@ -255,7 +260,7 @@ void Session::checkHolds() {
     if (!canStillResume() && now - *heldSince_ >= kQuietSeconds) {
       reportProblem(std::string(userPaused_ ? "paused" : "interrupted") +
                     " with nothing scheduled to resume playback; stopping");
-      quit(0);
+      quit(kExitFinished);
     }
     return;
   }
@@ -264,14 +269,14 @@ void Session::checkHolds() {
   const double limit = silenceLimit(sentence);
   if (now - std::max({*sentence.fedAt, sentence.lastSoundAt, lastReleasedAt_}) >= limit) {
     char text[160];
-    std::snprintf(text, sizeof text, "no sound for %.1f s after the whole file was handed over; ending the sentence",
+    std::snprintf(text, sizeof text, "no sound for %.1f s after the whole input was handed over; ending the sentence",
                   limit);
-    endWithEmptyChunk(SentenceRecord::End::EndedByBufplay, sentence.file->name() + ": " + text);
+    endWithEmptyChunk(SentenceRecord::End::EndedByBufplay, sentence.source->name() + ": " + text);
   }
 }
 
 double Session::silenceLimit(const SentenceRecord& sentence) const {
-  return kQuietSeconds + sentence.file->longestBufferSeconds(AudioBufPlayer::kBufferByteSize) / options_.speed;
+  return kQuietSeconds + sentence.source->longestBufferSeconds() / options_.speed;
 }
 
 void Session::beginSentence(size_t index) {
@@ -281,7 +286,7 @@ void Session::beginSentence(size_t index) {
   SentenceRecord& sentence = current();
   sentence.startedAt = clock_.now();
   delegate_ = std::make_shared<SentenceDelegate>(sentence.number, clock_, events_);
-  producer_->feed(*sentence.file, sentence.number, delegate_);
+  producer_->feed(*sentence.source, sentence.number, delegate_);
 }
 
 void Session::endSentence(SentenceRecord::End end) {
@@ -300,7 +305,7 @@ void Session::endWithEmptyChunk(SentenceRecord::End end, const std::string& note
   requestedEnd_ = end;
   if (!note.empty()) reportProblem(note);
   // The player ends the request at once and reports PlaybackFinished, which ends the sentence here.
-  player_->playData({}, current().file->format(), nullptr, options_.offset);
+  player_->playData({}, current().source->format(), nullptr, options_.offset);
 }
 
 void Session::advance() {

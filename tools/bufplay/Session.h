@@ -35,8 +35,8 @@ struct SessionViews {
 
 class Session {
  public:
-  Session(const Options& options, const std::vector<SentenceFile>& files, std::shared_ptr<AudioBufPlayer> player,
-          SignalWatch& signals, SessionViews views);
+  Session(const Options& options, const std::vector<std::unique_ptr<SentenceSource>>& sources,
+          std::shared_ptr<AudioBufPlayer> player, SignalWatch& signals, SessionViews views);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;

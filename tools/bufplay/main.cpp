@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
-#include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "BadInput.h"
+#include "ExitStatus.h"
 #include "Diagnostics/qen_log.h"
 #include "Options.h"
 #include "Session.h"
@@ -45,16 +45,31 @@ void SelectOutput(const Options& options) {
   }
 }
 
-SessionViews OpenViews(const Options& options, const std::vector<SentenceFile>& files) {
+// Opens every input up to its format, so that what cannot be played is named before any sound.
+// A signal that arrives while standard input is awaited ends bufplay as it would a session.
+std::vector<std::unique_ptr<SentenceSource>> OpenSources(const Options& options, int signalFd) {
+  std::vector<std::unique_ptr<SentenceSource>> sources;
+  for (const std::string& path : options.files) {
+    sources.push_back(std::make_unique<SentenceSource>(InputHints{.name = path, .format = options.format, .rawRate = options.rate},
+                                                       options.chunkBytes, signalFd));
+    if (options.verbosity > 0 && !sources.back()->conversion().empty()) {
+      std::fprintf(stderr, "bufplay: %s: converting %s\n", sources.back()->name().c_str(),
+                   sources.back()->conversion().c_str());
+    }
+  }
+  return sources;
+}
+
+SessionViews OpenViews(const Options& options, const std::vector<std::unique_ptr<SentenceSource>>& sources) {
   SessionViews views;
   if (options.eventsPath) views.eventLog = std::make_unique<EventLog>(*options.eventsPath);
   if (options.timelinePath) {
     std::vector<std::string> names;
-    for (const SentenceFile& file : files) names.push_back(file.name());
+    for (const std::unique_ptr<SentenceSource>& source : sources) names.push_back(source->name());
     views.timeline = std::make_unique<Timeline>(*options.timelinePath, names, options.offset);
   }
   if (isatty(STDOUT_FILENO) && options.eventsPath != "-") {
-    views.display = std::make_unique<LiveDisplay>(stdout, files.size());
+    views.display = std::make_unique<LiveDisplay>(stdout, sources.size());
   }
   views.keys = TerminalKeys::Open();
   return views;
@@ -74,24 +89,23 @@ int main(int argc, char** argv) {
   const int levels[] = {kNoDiagnostics, QEN_TTS::QEN_LOG_LEVEL_DEBUG, QEN_TTS::QEN_LOG_LEVEL_TRACE};
   QEN_TTS::set_log_level(levels[options.verbosity]);
 
-  int exitStatus = 0;
+  int exitStatus = kExitFinished;
   try {
-    std::vector<SentenceFile> files;
-    for (const std::string& path : options.files) {
-      files.push_back(SentenceFile::Load(path, options.format, options.chunkBytes));
-    }
-    SessionViews views = OpenViews(options, files);
+    const std::vector<std::unique_ptr<SentenceSource>> sources = OpenSources(options, signals.fd());
+    SessionViews views = OpenViews(options, sources);
     SelectOutput(options);
     std::shared_ptr<AudioBufPlayer> player =
         AudioBufPlayer::initWithAudioSessionCategory(options.category, 0, options.sessionManagement);
     if (!player) {
       std::fprintf(stderr, "bufplay: the player could not be created\n");
-      return 1;
+      return kExitPlayerError;
     }
-    exitStatus = Session(options, files, player, signals, std::move(views)).run();
+    exitStatus = Session(options, sources, player, signals, std::move(views)).run();
   } catch (const BadInput& problem) {
     std::fprintf(stderr, "bufplay: %s\n", problem.what());
-    return 2;
+    return kExitBadInput;
+  } catch (const OpeningInterrupted&) {
+    return 128 + signals.take();
   }
   AudioQueueWaitForReleases(kReleaseWaitSeconds);
   return exitStatus;
