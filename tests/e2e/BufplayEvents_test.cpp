@@ -193,16 +193,36 @@ TEST(BufplayEvents, SentenceWithoutSoundIsEndedInsteadOfAwaitedForever) {
   EXPECT_EQ(sentence.events[1].name, "PlaybackFinished");
 }
 
-TEST(BufplayEvents, ProducerSlowerThanPlaybackIsToldHowMuchWasRefused) {
+// A producer that delivers in real time, 50 ms chunks, with and without a lead of audio held back.
+struct RealTimeProducer {
+  const char* name;
+  std::vector<std::string> lead;  // arguments
+  int exitStatus;
+  bool refused;  // the player refused the audio after the run-out point, and bufplay says how much
+};
+
+void PrintTo(const RealTimeProducer& producer, std::ostream* out) { *out << producer.name; }
+
+class BufplayLead : public testing::TestWithParam<RealTimeProducer> {};
+
+TEST_P(BufplayLead, PlaysTheSentenceWholeOrSaysHowMuchWasRefused) {
   REQUIRE_BUFPLAY();
-  // Half real time: the first chunk has played out long before the second arrives.
-  const Outcome outcome = PlayOnNull({"--pace", "0.5", "--format", "pcm16k", kHelloPcm});
-  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_NE(outcome.err.find("slower than playback"), std::string::npos) << outcome.err;
+  std::vector<std::string> arguments = GetParam().lead;
+  arguments.insert(arguments.end(), {"--pace", "1", "--chunk", "1600", "--format", "pcm16k", kHelloPcm});
+  const Outcome outcome = PlayOnNull(arguments);
+  EXPECT_EQ(outcome.exitStatus, GetParam().exitStatus) << outcome.err;
+  EXPECT_EQ(outcome.err.find("the player refused") != std::string::npos, GetParam().refused) << outcome.err;
+  EXPECT_EQ(std::regex_search(outcome.err, std::regex("refused [0-9.]+ s of audio")), GetParam().refused);
   const Sentence sentence(ParseEvents(outcome.out), 1);
   EXPECT_EQ(sentence.events.back().name, "PlaybackFinished");
-  EXPECT_LT(sentence.seconds("updatedTotalLength").back(), kHelloSeconds);
+  ASSERT_FALSE(sentence.seconds("updatedTotalLength").empty());
+  EXPECT_EQ(sentence.seconds("updatedTotalLength").back() < kHelloSeconds - 1e-4, GetParam().refused);
 }
+
+INSTANTIATE_TEST_SUITE_P(Producers, BufplayLead,
+                         testing::Values(RealTimeProducer{"DefaultLead", {}, 0, false},
+                                         RealTimeProducer{"NoLead", {"--lead", "0"}, 3, true}),
+                         [](const testing::TestParamInfo<RealTimeProducer>& info) { return std::string(info.param.name); });
 
 TEST(BufplayEvents, TimelinePicturesTheSentencesWithTheirHoldsAndEnds) {
   REQUIRE_BUFPLAY();
