@@ -28,6 +28,10 @@ SentenceSource::SentenceSource(InputHints hints, size_t chunkBytes, int wakeFd)
   const bool standardInput = hints.name == kStandardInput;
   fd_ = standardInput ? STDIN_FILENO : open(hints.name.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd_ < 0) throw BadInput("cannot read " + hints.name + ": " + std::strerror(errno));
+  // The keys read a terminal; audio comes through a pipe.
+  if (standardInput && isatty(fd_)) {
+    throw BadInput("standard input is a terminal; pipe audio in, as in: espeak-ng --stdout \"Hello\" | bufplay -");
+  }
   try {
     while (!decoder_.formatKnown()) {
       if (fill(wakeFd, true) == Fill::Woken) throw OpeningInterrupted();
