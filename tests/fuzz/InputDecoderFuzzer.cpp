@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const AudioPlayerAudioFormats formats[] = {EAudioPlayerAudioFormat_PCM8K, EAudioPlayerAudioFormat_PCM16K,
                                              EAudioPlayerAudioFormat_MP3};
   if ((options >> 2 & 3) < 3) hints.format = formats[options >> 2 & 3];
-  if (options & 0x10) hints.rawRate = uint32_t(1000 + (data[1] | data[2] << 8) * 11);
+  if (options & 0x10) hints.rawRate = uint32_t(4000 + (data[1] | data[2] << 8) % 44000);
   const std::span<const uint8_t> sizes(data + 3, size_t(data[3] % 8));
   const std::span<const uint8_t> input = std::span(data, size).subspan(4);
 

@@ -20,6 +20,7 @@ struct Options {
   // to come late, and delays the first sound of such a producer by no more.
   double lead = 0.5;
   std::string output = "default";
+  std::optional<std::string> device;  // a PortAudio output by name, for --output default
   double speed = 1;  // clock factor of the null and wav outputs
   float volume = 1;
   double offset = 0;  // added by the player to every reported length and position
@@ -29,10 +30,12 @@ struct Options {
   std::optional<std::string> eventsPath;  // "-" for standard output
   std::optional<std::string> timelinePath;
   int verbosity = 0;  // 1: DEBUG, 2: TRACE
+  bool quiet = false;  // no live line and no summary
+  bool listDevices = false;  // list the sound outputs instead of playing
 };
 
-// The options, or the exit status when bufplay should end at once: 0 after --help, 2 after a
-// message about a bad argument (both already printed).
+// The options, or the exit status when bufplay should end at once: 0 after --help or --version,
+// 2 after a message about a bad argument (all already printed).
 struct ParsedCommandLine {
   std::optional<Options> options;
   int exitStatus = 0;

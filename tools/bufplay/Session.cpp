@@ -18,6 +18,8 @@ namespace {
 constexpr double kQuietSeconds = 2.0;
 // The live line is redrawn, and the session's checks run, at least this often.
 constexpr double kTickSeconds = 0.1;
+// How much + and - change the volume.
+constexpr float kVolumeStep = 0.1f;
 
 // Results of playData and appendAudioData that the player also reports to the delegate, with a
 // description that says more than the code.
@@ -58,7 +60,7 @@ Session::~Session() {
 }
 
 int Session::run() {
-  player_->setVolume(options_.volume);
+  setVolume(options_.volume);
   player_->start();
   beginSentence(0);
   while (!done()) {
@@ -109,6 +111,13 @@ void Session::onKey(char key) {
     userPaused_ ? resume() : pause();
   } else if (key == 'q' || key == 'Q') {
     quit(kExitFinished);
+  } else if (key == '+' || key == '=') {
+    setVolume(std::min(1.0f, volume_ + kVolumeStep));
+  } else if (key == '-') {
+    setVolume(std::max(0.0f, volume_ - kVolumeStep));
+  } else if (key == 'm' || key == 'M') {
+    muted_ = !muted_;
+    setVolume(volume_);
   }
 }
 
@@ -222,7 +231,7 @@ void Session::perform(const ScriptedAction& action) {
       if (!sentenceActive_) advance();
       break;
     case ScriptedAction::Volume:
-      player_->setVolume(action.volume);
+      setVolume(action.volume);
       break;
     case ScriptedAction::InterruptBegin:
       AudioSession::sharedInstance().beginInterruption();
@@ -320,6 +329,11 @@ void Session::advance() {
     return;
   }
   beginSentence(currentIndex_ + 1);
+}
+
+void Session::setVolume(float volume) {
+  volume_ = volume;
+  player_->setVolume(muted_ ? 0.0f : volume_);
 }
 
 void Session::pause() {

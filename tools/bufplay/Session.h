@@ -69,6 +69,8 @@ class Session {
   void advance();
 
   // Controls.
+  // The volume the user chose; the player gets 0 while muted.
+  void setVolume(float volume);
   void pause();
   void resume();
   void stopPlayer();
@@ -105,6 +107,8 @@ class Session {
   std::shared_ptr<SentenceDelegate> delegate_;  // the current sentence's
   std::optional<SentenceRecord::End> requestedEnd_;  // set when bufplay ended the current sentence
   bool userPaused_ = false;
+  float volume_ = 1;
+  bool muted_ = false;
   bool playerStopped_ = false;  // by the script's stop, until its start
   std::optional<double> heldSince_;  // t since the current hold began
   double lastReleasedAt_ = 0;  // t when the last hold ended

@@ -34,7 +34,10 @@ void SelectOutput(const Options& options) {
       throw BadInput("cannot write " + path + ": " + std::strerror(errno));
     }
   }
-  std::string output = options.output;
+  std::string output = options.device ? "device:" + *options.device : options.output;
+  if (options.device && AudioOutputSelect(output) != noErr) {
+    throw BadInput("no sound output is named '" + *options.device + "' (see bufplay --list-devices)");
+  }
   // The platform would say so in a diagnostic line, which bufplay keeps off without -v.
   if (output == "default" && !PortAudioOutputExists()) {
     std::fprintf(stderr, "bufplay: no sound output on this machine; playing on the null output\n");
@@ -68,7 +71,7 @@ SessionViews OpenViews(const Options& options, const std::vector<std::unique_ptr
     for (const std::unique_ptr<SentenceSource>& source : sources) names.push_back(source->name());
     views.timeline = std::make_unique<Timeline>(*options.timelinePath, names, options.offset);
   }
-  if (isatty(STDOUT_FILENO) && options.eventsPath != "-") {
+  if (!options.quiet && isatty(STDOUT_FILENO) && options.eventsPath != "-") {
     views.display = std::make_unique<LiveDisplay>(stdout, sources.size());
   }
   views.keys = TerminalKeys::Open();
@@ -83,6 +86,12 @@ int main(int argc, char** argv) {
   const ParsedCommandLine commandLine = ParseCommandLine(argc, argv);
   if (!commandLine.options) return commandLine.exitStatus;
   const Options& options = *commandLine.options;
+  if (options.listDevices) {
+    const std::vector<std::string> names = PortAudioOutputNames();
+    if (names.empty()) std::fprintf(stderr, "bufplay: no sound output on this machine\n");
+    for (const std::string& name : names) std::printf("%s\n", name.c_str());
+    return names.empty() ? kExitBadInput : kExitFinished;
+  }
   // Without -v the player's own lines stay off: bufplay names every problem itself, in one line, and
   // the player logs the end of every sentence at ERROR.
   constexpr int kNoDiagnostics = QEN_TTS::QEN_LOG_LEVEL_ERROR - 1;
