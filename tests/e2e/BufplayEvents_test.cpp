@@ -1,7 +1,8 @@
 // Plan: bufplay's reports of a session, read back from --events (and --timeline): the delegate
 // calls of each sentence in their order, the pauses and interruptions that --at scripts with their
-// sources, the end of a sentence that makes no sound, and the warning for a producer slower than
-// playback. Sentences play on the null output in real time; --at times are wall-clock seconds.
+// sources, the end of a sentence that makes no sound, and a real-time producer that plays whole
+// with the default lead and, without one, is told how much the player refused (exit status 3).
+// Sentences play on the null output in real time; --at times are wall-clock seconds.
 // Not here: exact timings (only their order), the terminal display and keys (they need a terminal).
 #include <regex>
 
@@ -76,26 +77,6 @@ constexpr double kHelloSeconds = 0.960750;  // 30744 bytes at 16 kHz
 Outcome PlayOnNull(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), {"--output", "null", "--events", "-"});
   return RunBufplay(arguments);
-}
-
-TEST(BufplayEvents, OneSentenceReportsStartLengthProgressRunOutAndFinishWithTheOffsetAdded) {
-  REQUIRE_BUFPLAY();
-  const Outcome outcome = PlayOnNull({"--offset", "10", "--format", "pcm16k", kHelloPcm});
-  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_EQ(outcome.err, "");
-  const Sentence sentence(ParseEvents(outcome.out), 1);
-  ASSERT_FALSE(sentence.events.empty());
-  EXPECT_EQ(sentence.events.front().name, "playerWillStartPlayback");
-  EXPECT_EQ(sentence.events.back().name, "PlaybackFinished");
-  for (const char* name : {"updatedTotalLength", "playProgressChanged"}) {
-    const std::vector<double> values = sentence.seconds(name);
-    ASSERT_FALSE(values.empty()) << name;
-    EXPECT_TRUE(std::is_sorted(values.begin(), values.end())) << name;
-    EXPECT_GT(values.front(), 10.0) << name;
-    EXPECT_NEAR(values.back(), 10 + kHelloSeconds, 1e-4) << name;
-  }
-  ASSERT_GE(sentence.indexOf("aboutToEnd"), 0);
-  EXPECT_GE(sentence.first("aboutToEnd")->t, sentence.first("playProgressChanged")->t);
 }
 
 // A hold that --at begins and ends while the sentence plays.
@@ -205,18 +186,27 @@ void PrintTo(const RealTimeProducer& producer, std::ostream* out) { *out << prod
 
 class BufplayLead : public testing::TestWithParam<RealTimeProducer> {};
 
-TEST_P(BufplayLead, PlaysTheSentenceWholeOrSaysHowMuchWasRefused) {
+// Also: the delegate calls of a sentence in their order, with the offset added.
+TEST_P(BufplayLead, ReportsTheSentenceInOrderAndPlaysItWholeOrSaysHowMuchWasRefused) {
   REQUIRE_BUFPLAY();
   std::vector<std::string> arguments = GetParam().lead;
-  arguments.insert(arguments.end(), {"--pace", "1", "--chunk", "1600", "--format", "pcm16k", kHelloPcm});
+  arguments.insert(arguments.end(), {"--offset", "10", "--pace", "1", "--chunk", "1600", "--format", "pcm16k", kHelloPcm});
   const Outcome outcome = PlayOnNull(arguments);
   EXPECT_EQ(outcome.exitStatus, GetParam().exitStatus) << outcome.err;
-  EXPECT_EQ(outcome.err.find("the player refused") != std::string::npos, GetParam().refused) << outcome.err;
-  EXPECT_EQ(std::regex_search(outcome.err, std::regex("refused [0-9.]+ s of audio")), GetParam().refused);
+  EXPECT_EQ(std::regex_search(outcome.err, std::regex("the player refused [0-9.]+ s of audio")), GetParam().refused)
+      << outcome.err;
   const Sentence sentence(ParseEvents(outcome.out), 1);
+  ASSERT_FALSE(sentence.events.empty());
+  EXPECT_EQ(sentence.events.front().name, "playerWillStartPlayback");
   EXPECT_EQ(sentence.events.back().name, "PlaybackFinished");
-  ASSERT_FALSE(sentence.seconds("updatedTotalLength").empty());
-  EXPECT_EQ(sentence.seconds("updatedTotalLength").back() < kHelloSeconds - 1e-4, GetParam().refused);
+  for (const char* name : {"updatedTotalLength", "playProgressChanged"}) {
+    const std::vector<double> values = sentence.seconds(name);
+    ASSERT_FALSE(values.empty()) << name;
+    EXPECT_TRUE(std::is_sorted(values.begin(), values.end())) << name;
+    EXPECT_GT(values.front(), 10.0) << name;
+    EXPECT_EQ(values.back() < 10 + kHelloSeconds - 1e-4, GetParam().refused) << name;
+  }
+  EXPECT_GE(sentence.indexOf("aboutToEnd"), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Producers, BufplayLead,

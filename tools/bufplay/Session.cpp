@@ -150,8 +150,9 @@ void Session::onEvent(const SessionEvent& event) {
       break;
     case SessionEvent::Finished:
       if (!isCurrent) break;
-      // What the producer still holds would start a new sentence; it reports it as refused instead.
-      if (producerBusy()) producer_->abandon();
+      // What the producer still holds would start a new sentence. Past the run-out point it finds
+      // that out by itself and counts the rest as refused; otherwise it must stop.
+      if (producerBusy() && !delegate_->runOutReached()) producer_->abandon();
       endSentence(requestedEnd_.value_or(SentenceRecord::End::Finished));
       break;
     case SessionEvent::Error:
