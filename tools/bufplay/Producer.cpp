@@ -65,6 +65,11 @@ void Producer::run() {
   }
 }
 
+bool Producer::abandoned() {
+  std::lock_guard lock(mutex_);
+  return abandoned_;
+}
+
 bool Producer::waitUntilAbandoned(SessionClock::Clock::time_point deadline) {
   std::unique_lock lock(mutex_);
   return wake_.wait_until(lock, deadline, [this] { return abandoned_; });
@@ -107,7 +112,7 @@ void Producer::feedSentence(const Job& job) {
     if (!waitUntilAbandoned(start + std::chrono::duration_cast<SessionClock::Clock::duration>(due))) {
       chunk = job.source->read(wakeFd_);
     }
-    if (!chunk && waitUntilAbandoned(SessionClock::Clock::now())) {
+    if (!chunk && abandoned()) {
       report.outcome = FeedOutcome::Stopped;
       break;
     }
@@ -123,6 +128,10 @@ void Producer::feedSentence(const Job& job) {
     for (size_t index = 0; index < held.size() && report.outcome == FeedOutcome::Whole; ++index) {
       if (job.delegate->runOutReached()) {
         refuse(held, index);
+        break;
+      }
+      if (abandoned()) {
+        report.outcome = FeedOutcome::Stopped;
         break;
       }
       const AudioBufPlayerError result = handOver(job, held[index], !started);

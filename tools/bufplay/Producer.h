@@ -55,6 +55,8 @@ class Producer {
   AudioBufPlayerError handOver(const Job& job, const DecodedAudio& chunk, bool first);
   // Seconds of audio in what the source still holds, read to its end (or until abandoned).
   double secondsLeft(SentenceSource& source);
+  // Whether the sentence being fed was abandoned. Caller holds no lock.
+  bool abandoned();
   // Waits until the deadline or until abandoned; true when abandoned. Caller holds no lock.
   bool waitUntilAbandoned(SessionClock::Clock::time_point deadline);
 
