@@ -91,8 +91,9 @@ void InputDecoder::decide(bool ended) {
       return;
     }
     const std::string extension = hints_.formatFromName ? LowerCaseExtension(hints_.name) : "";
-    if (format == EAudioPlayerAudioFormat_MP3 || (!format && !hints_.rawRate && extension == ".mp3") ||
-        (!format && !hints_.rawRate && !hints_.formatFromName && LooksLikeMp3(head_))) {
+    const bool unsaid = !format && !hints_.rawRate;  // the name, or else the first bytes, tell
+    if (format == EAudioPlayerAudioFormat_MP3 ||
+        (unsaid && (hints_.formatFromName ? extension == ".mp3" : LooksLikeMp3(head_)))) {
       format_ = EAudioPlayerAudioFormat_MP3;
       mp3Seconds_ = std::make_unique<Mp3Seconds>();
     } else if (hints_.rawRate) {
