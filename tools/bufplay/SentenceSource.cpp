@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <vector>
 
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "BadInput.h"
@@ -14,6 +16,25 @@
 namespace {
 
 constexpr const char* kStandardInput = "-";
+
+// The seconds of audio in a whole file, decoded once before it plays, so that the live line shows
+// how much is still to come.
+double FileSeconds(const InputHints& hints) {
+  std::ifstream file(hints.name, std::ios::binary);
+  InputDecoder decoder(hints);
+  double seconds = 0;
+  try {
+    std::vector<char> block(65536);
+    while (file.read(block.data(), std::streamsize(block.size())) || file.gcount() > 0) {
+      decoder.take(std::span(reinterpret_cast<const uint8_t*>(block.data()), size_t(file.gcount())));
+      seconds += decoder.takeAudio(SIZE_MAX).seconds;
+    }
+    decoder.finish();
+  } catch (const BadInput&) {
+    return 0;  // the file changed since it was opened; playing it will tell
+  }
+  return seconds + decoder.takeAudio(SIZE_MAX).seconds;
+}
 
 InputHints NamedForMessages(InputHints hints) {
   hints.formatFromName = hints.name != kStandardInput;
@@ -42,6 +63,7 @@ SentenceSource::SentenceSource(InputHints hints, size_t chunkBytes, int wakeFd)
   }
   format_ = decoder_.format();
   conversion_ = decoder_.conversion();
+  if (!standardInput) fileSeconds_ = FileSeconds(NamedForMessages(hints));
 }
 
 SentenceSource::~SentenceSource() {
@@ -57,7 +79,7 @@ std::optional<DecodedAudio> SentenceSource::read(int wakeFd) {
   }
   if (decoder_.pending() == 0) return std::nullopt;
   DecodedAudio chunk = decoder_.takeAudio(chunkBytes_);
-  seconds_.store(seconds() + chunk.seconds, std::memory_order_relaxed);
+  secondsRead_.store(secondsRead_.load(std::memory_order_relaxed) + chunk.seconds, std::memory_order_relaxed);
   const double share = std::min(1.0, double(AudioBufPlayer::kBufferByteSize) / double(chunk.bytes.size()));
   longestBufferSeconds_.store(std::max(longestBufferSeconds(), chunk.seconds * share), std::memory_order_relaxed);
   return chunk;

@@ -5,6 +5,7 @@
 // Threads: construction on the main thread; read() on the producer's thread; the rest on any.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <optional>
@@ -35,8 +36,9 @@ class SentenceSource {
   // readable.
   std::optional<DecodedAudio> read(int wakeFd);
 
-  // Seconds of audio read so far: the whole file once read() has come to its end.
-  double seconds() const { return seconds_.load(std::memory_order_relaxed); }
+  // Seconds of audio in the whole input: a file's are known from the start; standard input's are
+  // those read so far.
+  double seconds() const { return std::max(fileSeconds_, secondsRead_.load(std::memory_order_relaxed)); }
   // Seconds of audio in the largest buffer the player has made of a chunk so far (it packs each
   // chunk into its own buffers): the longest gap between two progress reports while it plays.
   double longestBufferSeconds() const { return longestBufferSeconds_.load(std::memory_order_relaxed); }
@@ -57,6 +59,7 @@ class SentenceSource {
   bool ended_ = false;
   QEN_TTS::Audio::AudioPlayerAudioFormats format_{};
   std::string conversion_;
-  std::atomic<double> seconds_{0};
+  double fileSeconds_ = 0;
+  std::atomic<double> secondsRead_{0};
   std::atomic<double> longestBufferSeconds_{0};
 };
