@@ -60,8 +60,8 @@ std::string BaseName(const std::string& path) {
 
 LiveDisplay::LiveDisplay(FILE* out, size_t sentenceCount) : out_(out), sentenceCount_(sentenceCount) {}
 
-void LiveDisplay::show(const SentenceRecord& sentence, bool userPaused, double now) {
-  const std::string state = LiveState(sentence, userPaused);
+void LiveDisplay::show(const SentenceRecord& sentence, bool userPaused, const std::string& volume, double now) {
+  const std::string state = std::string(LiveState(sentence, userPaused)) + (volume.empty() ? "" : ", " + volume);
   if (state == shownState_ && now - shownAt_ < kRedrawSeconds) return;
   const std::string text = line(sentence, state, true);
   if (text == shownLine_) return;

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 
@@ -72,7 +73,7 @@ int Session::run() {
     for (const SessionEvent& event : events_->drain()) onEvent(event);
     runDueActions();
     checkHolds();
-    if (display_ && sentenceActive_) display_->show(current(), userPaused_, clock_.now());
+    if (display_ && sentenceActive_) display_->show(current(), userPaused_, volumeText(), clock_.now());
   }
   const double end = clock_.now();
   player_->stop();
@@ -335,6 +336,11 @@ void Session::advance() {
 void Session::setVolume(float volume) {
   volume_ = volume;
   player_->setVolume(muted_ ? 0.0f : volume_);
+}
+
+std::string Session::volumeText() const {
+  if (muted_) return "muted";
+  return volume_ < 1 ? "volume " + std::to_string(int(std::lround(volume_ * 100))) + "%" : "";
 }
 
 void Session::pause() {

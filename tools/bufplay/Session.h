@@ -71,6 +71,8 @@ class Session {
   // Controls.
   // The volume the user chose; the player gets 0 while muted.
   void setVolume(float volume);
+  // The volume as the live line shows it; empty at full volume.
+  std::string volumeText() const;
   void pause();
   void resume();
   void stopPlayer();
