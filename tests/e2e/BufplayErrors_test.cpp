@@ -74,7 +74,6 @@ INSTANTIATE_TEST_SUITE_P(
                     BadRun{"EightBitWavOnStandardInput", {"-"}, "this WAV holds PCM, 1 channel(s), 8000 Hz, 8 bits",
                            EightBitWav()},
                     BadRun{"StandardInputTwice", {"-", "-"}, "read once only"},
-                    BadRun{"UnknownDevice", {"--device", "nope", "--format", "pcm16k", kHello}, "no sound output is named 'nope'"},
                     BadRun{"EventsInMissingFolder", {"--events", "SCRATCH/no/events.jsonl", "--format", "pcm16k", kHello}, "cannot write"},
                     BadRun{"RecordingInMissingFolder", {"--output", "wav:SCRATCH/no/out.wav", "--format", "pcm16k", kHello}, "cannot write"}),
     [](const testing::TestParamInfo<BadRun>& info) { return std::string(info.param.name); });
