@@ -2,15 +2,19 @@
 // compared with what it was given, sample for sample. The WAV output records silence where the
 // queue ran dry, which a loaded machine (a sanitizer build) can make happen; such silence is the
 // only difference allowed.
-// - Raw PCM, and WAV files laid out the ways recorders write them. WAV layouts that bufplay cannot
-//   play end with status 2 and a message naming what does not fit.
+// - Raw PCM, and WAV files laid out the ways recorders write them; stereo and other rates are
+//   converted. WAV layouts that bufplay cannot play end with status 2 and a message naming what
+//   does not fit.
 // - MP3: the corpus reference decode (libmpg123 decodes both), allowing for a decoder delay.
 // - Several files: one recording per sentence, in order.
+// - Standard input written by a real synthesizer (espeak-ng, WAV at 22050 Hz with its size unset),
+//   with a stall mid-sentence that lasts until bufplay reports sound.
 // - --volume reaches the output.
 // Not here: the sound card, and anything about timing.
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <cstdio>
 #include <span>
 
 #include "e2e/BufplayProcess.h"
@@ -72,6 +76,39 @@ TEST(BufplayAudio, VolumeScalesTheRecordedSamples) {
   EXPECT_THAT(ReadRecording(scratch.file("out.wav")).samples, IsFedWithOnlySilenceAdded(halved, 1));
 }
 
+// What espeak-ng writes to standard output for the text: a WAV header with its sizes unset, then
+// 16-bit mono samples at 22050 Hz.
+std::vector<uint8_t> Synthesize(const std::string& text) {
+  std::vector<uint8_t> wav;
+  FILE* synthesizer = popen(("espeak-ng --stdout '" + text + "'").c_str(), "r");
+  if (!synthesizer) return wav;
+  char block[4096];
+  for (size_t got; (got = std::fread(block, 1, sizeof block, synthesizer)) > 0;) wav.insert(wav.end(), block, block + got);
+  EXPECT_EQ(pclose(synthesizer), 0) << "espeak-ng failed (scripts/setup installs it)";
+  return wav;
+}
+
+TEST(BufplayAudio, SynthesizerPipeIsHeardWholeAndStartsWhileItStalls) {
+  REQUIRE_BUFPLAY();
+  constexpr size_t kWavHeaderBytes = 44;
+  constexpr double kEspeakRate = 22050;
+  const std::vector<uint8_t> wav = Synthesize("Streaming speech plays while the synthesizer is still writing it.");
+  ASSERT_GT(wav.size(), kWavHeaderBytes + 88200) << "espeak-ng wrote less than two seconds";
+  const double seconds = double(wav.size() - kWavHeaderBytes) / 2 / kEspeakRate;
+  // The pipe stalls after a second of audio until bufplay reports sound: a bufplay that read its
+  // input to the end first would never report it.
+  const auto stallAt = wav.begin() + std::ptrdiff_t(kWavHeaderBytes + 2 * size_t(kEspeakRate));
+  StandardInput input{{wav.begin(), stallAt}, "playProgressChanged", {stallAt, wav.end()}};
+  ScratchFolder scratch;
+  const Outcome outcome =
+      RunBufplay({"--output", "wav:" + scratch.file("out.wav"), "--events", "-", "-"}, std::chrono::seconds(60), &input);
+  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
+  EXPECT_FALSE(input.waitedInVain) << "no sound before the stall ended";
+  const Recording recording = ReadRecording(scratch.file("out.wav"));
+  EXPECT_EQ(recording.rate, 16000u);
+  EXPECT_NEAR(double(recording.samples.size()) / 16000, seconds, seconds * 0.05);
+}
+
 // WAV files as recorders write them, around the samples of a corpus sentence.
 struct WavLayout {
   const char* name;
@@ -101,7 +138,12 @@ void AppendChunk(std::vector<uint8_t>& bytes, const char* id, const std::vector<
   if (body.size() & 1) bytes.push_back(0);
 }
 
-std::vector<uint8_t> MakeWav(const WavLayout& layout, const std::vector<uint8_t>& samples) {
+// Every channel carries the same samples, so that mixing them down gives them back.
+std::vector<uint8_t> MakeWav(const WavLayout& layout, const std::vector<uint8_t>& mono) {
+  std::vector<uint8_t> samples;
+  for (size_t at = 0; at + 1 < mono.size(); at += 2) {
+    for (int channel = 0; channel < layout.channels; ++channel) samples.insert(samples.end(), {mono[at], mono[at + 1]});
+  }
   std::vector<uint8_t> format;
   Append(format, layout.extensible ? 0xFFFE : layout.formatTag, 2);
   Append(format, layout.channels, 2);
@@ -149,8 +191,15 @@ TEST_P(BufplayWavInput, PlaysTheSamplesOrNamesWhatDoesNotFit) {
   }
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const Recording recording = ReadRecording(scratch.file("out.wav"));
-  EXPECT_EQ(recording.rate, layout.rate);
-  EXPECT_THAT(recording.samples, IsFedWithOnlySilenceAdded(Samples(ReadBytes(pcm)), 0));
+  const std::vector<int16_t> fed = Samples(ReadBytes(pcm));
+  if (layout.rate == 8000 || layout.rate == 16000) {
+    EXPECT_EQ(recording.rate, layout.rate);
+    EXPECT_THAT(recording.samples, IsFedWithOnlySilenceAdded(fed, 0));
+    return;
+  }
+  EXPECT_EQ(recording.rate, 16000u);
+  const double seconds = double(fed.size()) / layout.rate;
+  EXPECT_NEAR(double(recording.samples.size()) / 16000, seconds, 0.01 * seconds);
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, BufplayWavInput,
@@ -159,9 +208,9 @@ INSTANTIATE_TEST_SUITE_P(Layouts, BufplayWavInput,
                                          WavLayout{.name = "OddChunkBeforeData", .oddChunk = true},
                                          WavLayout{.name = "Extensible", .extensible = true},
                                          WavLayout{.name = "DataSizeUnset", .dataSizeUnset = true},
-                                         WavLayout{.name = "Stereo", .channels = 2, .refusal = "2 channel(s)"},
+                                         WavLayout{.name = "Stereo", .channels = 2},
                                          WavLayout{.name = "EightBit", .bits = 8, .refusal = "8 bits"},
-                                         WavLayout{.name = "Rate44k", .rate = 44100, .refusal = "44100 Hz"},
+                                         WavLayout{.name = "Rate44k", .rate = 44100},
                                          WavLayout{.name = "Float", .formatTag = 3, .bits = 32, .refusal = "format 3"},
                                          WavLayout{.name = "DataBeforeFormat", .dataFirst = true,
                                                    .refusal = "data comes before its format"},

@@ -1,5 +1,6 @@
-// Plan: what a user who gets something wrong sees. Bad arguments and files bufplay cannot read or
-// play end with status 2 and one line naming the problem, before any sound; audio the player
+// Plan: what a user who gets something wrong sees. Bad arguments, and files or standard input that
+// bufplay cannot read or play, end with status 2 and one line naming the problem, before any
+// sound and without waiting for more input; audio the player
 // cannot parse ends with status 1 and the player's own description.
 // Not here: failures of the sound card (the null output never fails).
 #include "e2e/BufplayProcess.h"
@@ -11,7 +12,16 @@ struct BadRun {
   const char* name;
   std::vector<std::string> arguments;  // "SCRATCH/" is replaced with a scratch folder
   const char* message;  // part of the one line on standard error
+  std::vector<uint8_t> standardInput = {};  // written to bufplay, then the pipe is closed
 };
+
+// The header of a WAV file of 8-bit samples, and a few of them.
+std::vector<uint8_t> EightBitWav() {
+  std::vector<uint8_t> wav{'R', 'I', 'F', 'F', 44, 0, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' ', 16, 0, 0, 0, 1, 0,
+                           1, 0, 0x40, 0x1F, 0, 0, 0x40, 0x1F, 0, 0, 1, 0, 8, 0, 'd', 'a', 't', 'a', 8, 0, 0, 0};
+  wav.resize(wav.size() + 8, 0x80);
+  return wav;
+}
 
 void PrintTo(const BadRun& run, std::ostream* out) { *out << run.name; }
 
@@ -28,7 +38,8 @@ TEST_P(BufplayBadRun, ExitsWithStatus2AndOneLineNamingTheProblem) {
     const size_t at = argument.find("SCRATCH/");
     if (at != std::string::npos) argument.replace(at, 8, scratch.file(""));
   }
-  const Outcome outcome = RunBufplay(arguments);
+  StandardInput input{GetParam().standardInput, "", {}};
+  const Outcome outcome = RunBufplay(arguments, std::chrono::seconds(120), &input);
   EXPECT_EQ(outcome.exitStatus, 2);
   EXPECT_EQ(outcome.out, "");
   ASSERT_EQ(Lines(outcome.err).size(), 1u) << outcome.err;
@@ -57,6 +68,12 @@ INSTANTIATE_TEST_SUITE_P(
                     BadRun{"RawPcmWithoutFormat", {"SCRATCH/raw.pcm"}, "needs --format"},
                     BadRun{"UnknownExtension", {"SCRATCH/sound.ogg"}, "use --format"},
                     BadRun{"WavWithoutRiffHeader", {"SCRATCH/fake.wav"}, "not a RIFF WAVE file"},
+                    BadRun{"GarbageOnStandardInput", {"-"}, "standard input: cannot tell the audio format",
+                           std::vector<uint8_t>(100000, 'x')},
+                    BadRun{"EmptyStandardInput", {"-"}, "standard input: no audio came in"},
+                    BadRun{"EightBitWavOnStandardInput", {"-"}, "this WAV holds PCM, 1 channel(s), 8000 Hz, 8 bits",
+                           EightBitWav()},
+                    BadRun{"StandardInputTwice", {"-", "-"}, "read once only"},
                     BadRun{"EventsInMissingFolder", {"--events", "SCRATCH/no/events.jsonl", "--format", "pcm16k", kHello}, "cannot write"},
                     BadRun{"RecordingInMissingFolder", {"--output", "wav:SCRATCH/no/out.wav", "--format", "pcm16k", kHello}, "cannot write"}),
     [](const testing::TestParamInfo<BadRun>& info) { return std::string(info.param.name); });

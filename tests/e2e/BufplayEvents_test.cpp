@@ -1,7 +1,8 @@
 // Plan: bufplay's reports of a session, read back from --events (and --timeline): the delegate
 // calls of each sentence in their order, the pauses and interruptions that --at scripts with their
-// sources, the end of a sentence that makes no sound, and the warning for a producer slower than
-// playback. Sentences play on the null output in real time; --at times are wall-clock seconds.
+// sources, the end of a sentence that makes no sound, and a real-time producer that plays whole
+// with the default lead and, without one, is told how much the player refused (exit status 3).
+// Sentences play on the null output in real time; --at times are wall-clock seconds.
 // Not here: exact timings (only their order), the terminal display and keys (they need a terminal).
 #include <regex>
 
@@ -76,26 +77,6 @@ constexpr double kHelloSeconds = 0.960750;  // 30744 bytes at 16 kHz
 Outcome PlayOnNull(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), {"--output", "null", "--events", "-"});
   return RunBufplay(arguments);
-}
-
-TEST(BufplayEvents, OneSentenceReportsStartLengthProgressRunOutAndFinishWithTheOffsetAdded) {
-  REQUIRE_BUFPLAY();
-  const Outcome outcome = PlayOnNull({"--offset", "10", "--format", "pcm16k", kHelloPcm});
-  ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_EQ(outcome.err, "");
-  const Sentence sentence(ParseEvents(outcome.out), 1);
-  ASSERT_FALSE(sentence.events.empty());
-  EXPECT_EQ(sentence.events.front().name, "playerWillStartPlayback");
-  EXPECT_EQ(sentence.events.back().name, "PlaybackFinished");
-  for (const char* name : {"updatedTotalLength", "playProgressChanged"}) {
-    const std::vector<double> values = sentence.seconds(name);
-    ASSERT_FALSE(values.empty()) << name;
-    EXPECT_TRUE(std::is_sorted(values.begin(), values.end())) << name;
-    EXPECT_GT(values.front(), 10.0) << name;
-    EXPECT_NEAR(values.back(), 10 + kHelloSeconds, 1e-4) << name;
-  }
-  ASSERT_GE(sentence.indexOf("aboutToEnd"), 0);
-  EXPECT_GE(sentence.first("aboutToEnd")->t, sentence.first("playProgressChanged")->t);
 }
 
 // A hold that --at begins and ends while the sentence plays.
@@ -193,16 +174,45 @@ TEST(BufplayEvents, SentenceWithoutSoundIsEndedInsteadOfAwaitedForever) {
   EXPECT_EQ(sentence.events[1].name, "PlaybackFinished");
 }
 
-TEST(BufplayEvents, ProducerSlowerThanPlaybackIsToldHowMuchWasRefused) {
+// A producer that delivers in real time, 50 ms chunks, with and without a lead of audio held back.
+struct RealTimeProducer {
+  const char* name;
+  std::vector<std::string> lead;  // arguments
+  int exitStatus;
+  bool refused;  // the player refused the audio after the run-out point, and bufplay says how much
+};
+
+void PrintTo(const RealTimeProducer& producer, std::ostream* out) { *out << producer.name; }
+
+class BufplayLead : public testing::TestWithParam<RealTimeProducer> {};
+
+// Also: the delegate calls of a sentence in their order, with the offset added.
+TEST_P(BufplayLead, ReportsTheSentenceInOrderAndPlaysItWholeOrSaysHowMuchWasRefused) {
   REQUIRE_BUFPLAY();
-  // Half real time: the first chunk has played out long before the second arrives.
-  const Outcome outcome = PlayOnNull({"--pace", "0.5", "--format", "pcm16k", kHelloPcm});
-  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_NE(outcome.err.find("slower than playback"), std::string::npos) << outcome.err;
+  std::vector<std::string> arguments = GetParam().lead;
+  arguments.insert(arguments.end(), {"--offset", "10", "--pace", "1", "--chunk", "1600", "--format", "pcm16k", kHelloPcm});
+  const Outcome outcome = PlayOnNull(arguments);
+  EXPECT_EQ(outcome.exitStatus, GetParam().exitStatus) << outcome.err;
+  EXPECT_EQ(std::regex_search(outcome.err, std::regex("the player refused [0-9.]+ s of audio")), GetParam().refused)
+      << outcome.err;
   const Sentence sentence(ParseEvents(outcome.out), 1);
+  ASSERT_FALSE(sentence.events.empty());
+  EXPECT_EQ(sentence.events.front().name, "playerWillStartPlayback");
   EXPECT_EQ(sentence.events.back().name, "PlaybackFinished");
-  EXPECT_LT(sentence.seconds("updatedTotalLength").back(), kHelloSeconds);
+  for (const char* name : {"updatedTotalLength", "playProgressChanged"}) {
+    const std::vector<double> values = sentence.seconds(name);
+    ASSERT_FALSE(values.empty()) << name;
+    EXPECT_TRUE(std::is_sorted(values.begin(), values.end())) << name;
+    EXPECT_GT(values.front(), 10.0) << name;
+    EXPECT_EQ(values.back() < 10 + kHelloSeconds - 1e-4, GetParam().refused) << name;
+  }
+  EXPECT_GE(sentence.indexOf("aboutToEnd"), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Producers, BufplayLead,
+                         testing::Values(RealTimeProducer{"DefaultLead", {}, 0, false},
+                                         RealTimeProducer{"NoLead", {"--lead", "0"}, 3, true}),
+                         [](const testing::TestParamInfo<RealTimeProducer>& info) { return std::string(info.param.name); });
 
 TEST(BufplayEvents, TimelinePicturesTheSentencesWithTheirHoldsAndEnds) {
   REQUIRE_BUFPLAY();

@@ -1,6 +1,7 @@
 // Shared by the Bufplay*_test.cpp files: runs the built bufplay as a child process, the way a user
-// does, and hands back what it wrote and how it ended. Standard input is /dev/null and the outputs
-// are pipes, so bufplay sees no terminal: no live display, no keys.
+// does, and hands back what it wrote and how it ended. Standard input is /dev/null, or a pipe that
+// the test writes as a synthesizer would, and the outputs are pipes, so bufplay sees no terminal:
+// no live display, no keys.
 #pragma once
 
 #include <fcntl.h>
@@ -14,12 +15,15 @@
 
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -74,20 +78,36 @@ struct Outcome {
   std::string err;
 };
 
+// What a test writes to bufplay's standard input: `first`, then, once standard output shows
+// `waitFor` (or, failing that, at the deadline), `rest`; then it closes the pipe.
+struct StandardInput {
+  std::vector<uint8_t> first;
+  std::string waitFor;
+  std::vector<uint8_t> rest;
+  bool waitedInVain = false;  // set when `waitFor` never showed
+};
+
 // Runs bufplay with the arguments until it exits. A run that outlives the deadline is killed and
 // fails the test instead of hanging it.
 inline Outcome RunBufplay(const std::vector<std::string>& arguments,
-                          std::chrono::seconds deadline = std::chrono::seconds(120)) {
+                          std::chrono::seconds deadline = std::chrono::seconds(120), StandardInput* input = nullptr) {
   Outcome outcome;
   std::array<int, 2> outPipe{};
   std::array<int, 2> errPipe{};
-  if (pipe2(outPipe.data(), O_CLOEXEC) != 0 || pipe2(errPipe.data(), O_CLOEXEC) != 0) {
+  std::array<int, 2> inPipe{};
+  if (pipe2(outPipe.data(), O_CLOEXEC) != 0 || pipe2(errPipe.data(), O_CLOEXEC) != 0 ||
+      pipe2(inPipe.data(), O_CLOEXEC) != 0) {
     ADD_FAILURE() << "pipe: " << std::strerror(errno);
     return outcome;
   }
+  signal(SIGPIPE, SIG_IGN);  // bufplay may stop reading early; the writer then sees EPIPE
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (input) {
+    posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
   std::vector<char*> argv{const_cast<char*>(kBufplay)};
@@ -98,14 +118,38 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments,
   posix_spawn_file_actions_destroy(&actions);
   close(outPipe[1]);
   close(errPipe[1]);
+  close(inPipe[0]);
   if (spawned != 0) {
     ADD_FAILURE() << "cannot start " << kBufplay << ": " << std::strerror(spawned);
     close(outPipe[0]);
     close(errPipe[0]);
+    close(inPipe[1]);
     return outcome;
   }
 
   const auto giveUpAt = std::chrono::steady_clock::now() + deadline;
+  std::mutex outputMutex;
+  std::condition_variable outputGrew;
+  bool outputEnded = false;  // guarded by outputMutex, as outcome.out is while the writer runs
+  std::thread writer([&] {
+    const auto writeAll = [&](const std::vector<uint8_t>& bytes) {
+      for (size_t done = 0; done < bytes.size();) {
+        const ssize_t written = write(inPipe[1], bytes.data() + done, bytes.size() - done);
+        if (written < 0 && errno != EINTR) return;
+        if (written > 0) done += size_t(written);
+      }
+    };
+    if (input) {
+      writeAll(input->first);
+      std::unique_lock lock(outputMutex);
+      outputGrew.wait_until(lock, giveUpAt,
+                            [&] { return outputEnded || outcome.out.find(input->waitFor) != std::string::npos; });
+      input->waitedInVain = outcome.out.find(input->waitFor) == std::string::npos;
+      lock.unlock();
+      writeAll(input->rest);
+    }
+    close(inPipe[1]);
+  });
   std::array<pollfd, 2> pipes{{{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}}};
   std::array<std::string*, 2> sinks{&outcome.out, &outcome.err};
   bool killed = false;
@@ -122,13 +166,21 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments,
       char block[4096];
       const ssize_t got = read(pipes[index].fd, block, sizeof block);
       if (got > 0) {
+        std::lock_guard lock(outputMutex);
         sinks[index]->append(block, size_t(got));
       } else if (got == 0 || errno != EINTR) {
         close(pipes[index].fd);
         pipes[index].fd = -1;
       }
+      outputGrew.notify_all();
     }
   }
+  {
+    std::lock_guard lock(outputMutex);
+    outputEnded = true;
+  }
+  outputGrew.notify_all();
+  writer.join();
   int status = 0;
   waitpid(child, &status, 0);
   outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

@@ -61,6 +61,7 @@ TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
       {"wav:", 1, kAudioQueueErr_InvalidParameter},      {"manual:", 1, kAudioQueueErr_InvalidParameter},
       {"manual:44k", 1, kAudioQueueErr_InvalidParameter}, {"manual:100", 1, kAudioQueueErr_InvalidParameter},
       {"manual", 2, kAudioQueueErr_InvalidParameter},    {"default", 2, kAudioQueueErr_InvalidParameter},
+      {"device:no such output", 1, kAudioQueueErr_InvalidParameter},
       {"null", 0, kAudioQueueErr_InvalidParameter},      {"null", -1, kAudioQueueErr_InvalidParameter},
       {"null", std::numeric_limits<double>::infinity(), kAudioQueueErr_InvalidParameter},
       {"null", std::numeric_limits<double>::quiet_NaN(), kAudioQueueErr_InvalidParameter},

@@ -62,8 +62,8 @@ std::string BaseName(const std::string& path) {
 
 LiveDisplay::LiveDisplay(FILE* out, size_t sentenceCount) : out_(out), sentenceCount_(sentenceCount) {}
 
-void LiveDisplay::show(const SentenceRecord& sentence, bool userPaused, double now) {
-  const std::string state = LiveState(sentence, userPaused);
+void LiveDisplay::show(const SentenceRecord& sentence, bool userPaused, const std::string& volume, double now) {
+  const std::string state = std::string(LiveState(sentence, userPaused)) + (volume.empty() ? "" : ", " + volume);
   if (state == shownState_ && now - shownAt_ < kRedrawSeconds) return;
   const std::string text = line(sentence, state, true);
   if (text == shownLine_) return;
@@ -92,9 +92,9 @@ std::string LiveDisplay::line(const SentenceRecord& sentence, const std::string&
   // Built with append: GCC 12 warns falsely (-Wrestrict) about a chain of string additions here.
   std::string counter = "[";
   counter.append(std::to_string(sentence.number)).append("/").append(std::to_string(sentenceCount_)).append("] ");
-  const std::string tail = " [" + Bar(sentence.played, sentence.received, sentence.file->seconds()) + "] " +
+  const std::string tail = " [" + Bar(sentence.played, sentence.received, sentence.source->seconds()) + "] " +
                            Format("%.2f", sentence.played) + "/" + Seconds(sentence.received) + "  " + state;
-  std::string name = BaseName(sentence.file->name());
+  std::string name = BaseName(sentence.source->name());
   const size_t used = counter.size() + tail.size() + 1;  // the last column stays free: no wrap
   const size_t columns = TerminalColumns(out_);
   const size_t room = columns > used ? columns - used : 0;

@@ -14,8 +14,10 @@ class LiveDisplay {
   LiveDisplay(FILE* out, size_t sentenceCount);
 
   // Redraws the sentence's line when it has changed, at most ten times a second unless its state
-  // changed. now: seconds on the session's clock; userPaused: the session holds a pause of its own.
-  void show(const SentenceRecord& sentence, bool userPaused, double now);
+  // changed. now: seconds on the session's clock; userPaused: the session holds a pause of its own;
+  // volume: what the user set with the keys, as the line shows it ("muted", "volume 60%"; empty at
+  // full volume).
+  void show(const SentenceRecord& sentence, bool userPaused, const std::string& volume, double now);
   // Draws the sentence's final line and moves to the next line.
   void finish(const SentenceRecord& sentence);
   // Makes room for a message on the terminal; the next show() draws the line again.

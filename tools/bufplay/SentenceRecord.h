@@ -7,7 +7,7 @@
 #include <string>
 
 #include "Audio/Players/Impl_iOS/AudioBufPlayerDelegate.h"
-#include "SentenceFile.h"
+#include "SentenceSource.h"
 
 struct SentenceRecord {
   enum class End {
@@ -18,9 +18,9 @@ struct SentenceRecord {
     Failed,          // the first chunk was refused
   };
 
-  SentenceRecord(const SentenceFile& file, int number) : file(&file), number(number) {}
+  SentenceRecord(SentenceSource& source, int number) : source(&source), number(number) {}
 
-  const SentenceFile* file;
+  SentenceSource* source;
   int number;  // from 1
 
   double startedAt = -1;  // t of the first playData

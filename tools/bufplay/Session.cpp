@@ -3,12 +3,14 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 
 #include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "ExitStatus.h"
 #include "TerminalLine.h"
 
 namespace {
@@ -18,6 +20,8 @@ namespace {
 constexpr double kQuietSeconds = 2.0;
 // The live line is redrawn, and the session's checks run, at least this often.
 constexpr double kTickSeconds = 0.1;
+// How much + and - change the volume.
+constexpr float kVolumeStep = 0.1f;
 
 // Results of playData and appendAudioData that the player also reports to the delegate, with a
 // description that says more than the code.
@@ -36,18 +40,19 @@ const char* RefusalText(AudioBufPlayerError error) {
 
 }  // namespace
 
-Session::Session(const Options& options, const std::vector<SentenceFile>& files,
+Session::Session(const Options& options, const std::vector<std::unique_ptr<SentenceSource>>& sources,
                  std::shared_ptr<AudioBufPlayer> player, SignalWatch& signals, SessionViews views)
     : options_(options),
       events_(std::make_shared<EventQueue>()),
       player_(std::move(player)),
-      producer_(std::make_unique<Producer>(player_, options.pace * options.speed, options.offset, clock_, events_)),
+      producer_(std::make_unique<Producer>(player_, options.pace * options.speed, options.lead, options.offset, clock_,
+                                           events_)),
       signals_(signals),
       eventLog_(std::move(views.eventLog)),
       timeline_(std::move(views.timeline)),
       display_(std::move(views.display)),
       keys_(std::move(views.keys)) {
-  for (const SentenceFile& file : files) records_.emplace_back(file, int(records_.size()) + 1);
+  for (const std::unique_ptr<SentenceSource>& source : sources) records_.emplace_back(*source, int(records_.size()) + 1);
 }
 
 Session::~Session() {
@@ -57,7 +62,7 @@ Session::~Session() {
 }
 
 int Session::run() {
-  player_->setVolume(options_.volume);
+  setVolume(options_.volume);
   player_->start();
   beginSentence(0);
   while (!done()) {
@@ -69,14 +74,17 @@ int Session::run() {
     for (const SessionEvent& event : events_->drain()) onEvent(event);
     runDueActions();
     checkHolds();
-    if (display_ && sentenceActive_) display_->show(current(), userPaused_, clock_.now());
+    if (display_ && sentenceActive_) display_->show(current(), userPaused_, volumeText(), clock_.now());
   }
   const double end = clock_.now();
   player_->stop();
   if (display_) display_->summarize(records_, end);
   if (timeline_) timeline_->write(end);
   if (exitStatus_) return *exitStatus_;
-  return playerErrors_ ? 1 : 0;
+  if (playerErrors_) return kExitPlayerError;
+  const bool refused = std::any_of(records_.begin(), records_.end(),
+                                   [](const SentenceRecord& sentence) { return sentence.refusedSeconds > 0; });
+  return refused ? kExitAudioRefused : kExitFinished;
 }
 
 void Session::waitForWork() {
@@ -104,7 +112,14 @@ void Session::onKey(char key) {
   if (key == ' ') {
     userPaused_ ? resume() : pause();
   } else if (key == 'q' || key == 'Q') {
-    quit(0);
+    quit(kExitFinished);
+  } else if (key == '+' || key == '=') {
+    setVolume(std::min(1.0f, volume_ + kVolumeStep));
+  } else if (key == '-') {
+    setVolume(std::max(0.0f, volume_ - kVolumeStep));
+  } else if (key == 'm' || key == 'M') {
+    muted_ = !muted_;
+    setVolume(volume_);
   }
 }
 
@@ -137,14 +152,15 @@ void Session::onEvent(const SessionEvent& event) {
       break;
     case SessionEvent::Finished:
       if (!isCurrent) break;
-      // What the producer still holds would start a new sentence; it reports it as refused instead.
-      if (producerBusy()) producer_->abandon();
+      // What the producer still holds would start a new sentence. Past the run-out point it finds
+      // that out by itself and counts the rest as refused; otherwise it must stop.
+      if (producerBusy() && !delegate_->runOutReached()) producer_->abandon();
       endSentence(requestedEnd_.value_or(SentenceRecord::End::Finished));
       break;
     case SessionEvent::Error:
       playerErrors_ = true;
       sentence.errorReported = true;
-      reportProblem(sentence.file->name() + ": " + event.description);
+      reportProblem(sentence.source->name() + ": " + event.description);
       break;
     case SessionEvent::Paused:
       ++sentence.pauses;
@@ -171,7 +187,7 @@ void Session::onFeedEnded(const SessionEvent& event) {
     case FeedOutcome::RunOutRefused:
       sentence.refusedSeconds = event.seconds;
       // On a terminal the summary says so.
-      if (!display_) reportProblem(sentence.file->name() + ": " + RefusedAudioText({sentence}));
+      if (!display_) reportProblem(sentence.source->name() + ": " + RefusedAudioText({sentence}));
       return;
     case FeedOutcome::FailedAtStart:
     case FeedOutcome::FailedLater:
@@ -179,7 +195,7 @@ void Session::onFeedEnded(const SessionEvent& event) {
   }
   playerErrors_ = true;
   sentence.errorExpected = ReportedToDelegateToo(event.error);
-  if (!sentence.errorExpected) reportProblem(sentence.file->name() + ": " + RefusalText(event.error));
+  if (!sentence.errorExpected) reportProblem(sentence.source->name() + ": " + RefusalText(event.error));
   if (!isCurrent) return;
   if (event.outcome == FeedOutcome::FailedAtStart) {
     endSentence(SentenceRecord::End::Failed);  // the player has reset the request itself
@@ -218,7 +234,7 @@ void Session::perform(const ScriptedAction& action) {
       if (!sentenceActive_) advance();
       break;
     case ScriptedAction::Volume:
-      player_->setVolume(action.volume);
+      setVolume(action.volume);
       break;
     case ScriptedAction::InterruptBegin:
       AudioSession::sharedInstance().beginInterruption();
@@ -256,7 +272,7 @@ void Session::checkHolds() {
     if (!canStillResume() && now - *heldSince_ >= kQuietSeconds) {
       reportProblem(std::string(userPaused_ ? "paused" : "interrupted") +
                     " with nothing scheduled to resume playback; stopping");
-      quit(0);
+      quit(kExitFinished);
     }
     return;
   }
@@ -265,14 +281,14 @@ void Session::checkHolds() {
   const double limit = silenceLimit(sentence);
   if (now - std::max({*sentence.fedAt, sentence.lastSoundAt, lastReleasedAt_}) >= limit) {
     char text[160];
-    std::snprintf(text, sizeof text, "no sound for %.1f s after the whole file was handed over; ending the sentence",
+    std::snprintf(text, sizeof text, "no sound for %.1f s after the whole input was handed over; ending the sentence",
                   limit);
-    endWithEmptyChunk(SentenceRecord::End::EndedByBufplay, sentence.file->name() + ": " + text);
+    endWithEmptyChunk(SentenceRecord::End::EndedByBufplay, sentence.source->name() + ": " + text);
   }
 }
 
 double Session::silenceLimit(const SentenceRecord& sentence) const {
-  return kQuietSeconds + sentence.file->longestBufferSeconds(AudioBufPlayer::kBufferByteSize) / options_.speed;
+  return kQuietSeconds + sentence.source->longestBufferSeconds() / options_.speed;
 }
 
 void Session::beginSentence(size_t index) {
@@ -282,7 +298,7 @@ void Session::beginSentence(size_t index) {
   SentenceRecord& sentence = current();
   sentence.startedAt = clock_.now();
   delegate_ = std::make_shared<SentenceDelegate>(sentence.number, clock_, events_);
-  producer_->feed(*sentence.file, sentence.number, delegate_);
+  producer_->feed(*sentence.source, sentence.number, delegate_);
 }
 
 void Session::endSentence(SentenceRecord::End end) {
@@ -301,7 +317,7 @@ void Session::endWithEmptyChunk(SentenceRecord::End end, const std::string& note
   requestedEnd_ = end;
   if (!note.empty()) reportProblem(note);
   // The player ends the request at once and reports PlaybackFinished, which ends the sentence here.
-  player_->playData({}, current().file->format(), nullptr, options_.offset);
+  player_->playData({}, current().source->format(), nullptr, options_.offset);
 }
 
 void Session::advance() {
@@ -316,6 +332,16 @@ void Session::advance() {
     return;
   }
   beginSentence(currentIndex_ + 1);
+}
+
+void Session::setVolume(float volume) {
+  volume_ = volume;
+  player_->setVolume(muted_ ? 0.0f : volume_);
+}
+
+std::string Session::volumeText() const {
+  if (muted_) return "muted";
+  return volume_ < 1 ? "volume " + std::to_string(int(std::lround(volume_ * 100))) + "%" : "";
 }
 
 void Session::pause() {

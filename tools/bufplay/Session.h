@@ -35,8 +35,8 @@ struct SessionViews {
 
 class Session {
  public:
-  Session(const Options& options, const std::vector<SentenceFile>& files, std::shared_ptr<AudioBufPlayer> player,
-          SignalWatch& signals, SessionViews views);
+  Session(const Options& options, const std::vector<std::unique_ptr<SentenceSource>>& sources,
+          std::shared_ptr<AudioBufPlayer> player, SignalWatch& signals, SessionViews views);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -69,6 +69,10 @@ class Session {
   void advance();
 
   // Controls.
+  // The volume the user chose; the player gets 0 while muted.
+  void setVolume(float volume);
+  // The volume as the live line shows it; empty at full volume.
+  std::string volumeText() const;
   void pause();
   void resume();
   void stopPlayer();
@@ -105,6 +109,8 @@ class Session {
   std::shared_ptr<SentenceDelegate> delegate_;  // the current sentence's
   std::optional<SentenceRecord::End> requestedEnd_;  // set when bufplay ended the current sentence
   bool userPaused_ = false;
+  float volume_ = 1;
+  bool muted_ = false;
   bool playerStopped_ = false;  // by the script's stop, until its start
   std::optional<double> heldSince_;  // t since the current hold began
   double lastReleasedAt_ = 0;  // t when the last hold ended

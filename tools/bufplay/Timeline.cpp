@@ -18,6 +18,9 @@ constexpr double kTop = 50;
 constexpr double kLaneHeight = 130;
 constexpr double kLaneGap = 40;
 constexpr double kBottom = 40;
+// Rough glyph widths of the sans-serif font, to keep labels inside the picture.
+constexpr double kCharWidth12Bold = 7.5;
+constexpr double kCharWidth10 = 5.8;
 
 const char* HoldColour(AudioBufPlayerPauseSource source) {
   switch (source) {
@@ -52,6 +55,12 @@ std::string XmlText(const std::string& text) {
     }
   }
   return escaped;
+}
+
+// The text, shortened from the front ("...") to fit `width` pixels.
+std::string Fitted(const std::string& text, double width, double charWidth) {
+  const size_t most = size_t(std::max(4.0, width / charWidth));
+  return text.size() <= most ? text : "..." + text.substr(text.size() - (most - 3));
 }
 
 // A step of 1, 2 or 5 times a power of ten that gives about `count` ticks over `range`.
@@ -132,7 +141,7 @@ void Timeline::write(double endTime) {
     const auto y = [&](double seconds) { return bottom - seconds / most * kLaneHeight; };
 
     svg << "<text x=\"" << kLeft << "\" y=\"" << top - 6 << "\" font-weight=\"bold\">" << index + 1 << ". "
-        << XmlText(lane.name) << "</text>\n";
+        << XmlText(Fitted(lane.name, kPlotWidth - 30, kCharWidth12Bold)) << "</text>\n";
     for (const Span& hold : lane.holds) {
       const double to = hold.to < 0 ? endTime : hold.to;
       svg << "<rect x=\"" << x(hold.from) << "\" y=\"" << top << "\" width=\"" << std::max(1.0, x(to) - x(hold.from))
@@ -146,15 +155,24 @@ void Timeline::write(double endTime) {
       svg << "<text x=\"" << kLeft - 6 << "\" y=\"" << y(seconds) + 4 << "\" text-anchor=\"end\">" << seconds
           << " s</text>\n";
     }
-    // Received audio grows in steps when a chunk arrives; played audio is a position that moves on.
+    // Received audio grows in steps when a chunk arrives; played audio is a position that moves on,
+    // and stands still while held: its line breaks over a hold instead of pretending slow playback.
+    const auto heldBetween = [&](double from, double to) {
+      return std::any_of(lane.holds.begin(), lane.holds.end(),
+                         [&](const Span& hold) { return hold.from >= from && hold.from < to; });
+    };
     const auto polyline = [&](const std::vector<Point>& points, const char* colour, bool steps) {
       if (points.empty()) return;
-      svg << "<polyline fill=\"none\" stroke=\"" << colour << "\" stroke-width=\"2\" points=\"";
+      const char* const start = "<polyline fill=\"none\" stroke-width=\"2\" stroke=\"";
+      svg << start << colour << "\" points=\"";
       double previous = 0;
+      double previousT = 0;
       for (const Point& point : points) {
+        if (!steps && &point != &points.front() && heldBetween(previousT, point.t)) svg << "\"/>\n" << start << colour << "\" points=\"";
         if (steps) svg << x(point.t) << "," << y(previous) << " ";
         svg << x(point.t) << "," << y(point.seconds) << " ";
         previous = point.seconds;
+        previousT = point.t;
       }
       svg << "\"/>\n";
     };
@@ -165,10 +183,12 @@ void Timeline::write(double endTime) {
       const bool runOut = mark.label == "about to end";
       // Marks close together (an error, then the end) keep their labels apart.
       const double labelY = top + 12 * double(1 + markIndex % 3);
+      // A label that would run past the right edge is drawn to the left of its line.
+      const bool leftOfLine = x(mark.t) + 3 + double(mark.label.size()) * kCharWidth10 > kLeft + kPlotWidth + kRight;
       svg << "<line x1=\"" << x(mark.t) << "\" y1=\"" << top << "\" x2=\"" << x(mark.t) << "\" y2=\"" << bottom
           << "\" stroke=\"" << (runOut ? "#fb8c00" : "#212121") << "\"" << (runOut ? " stroke-dasharray=\"4 3\"" : "")
-          << "/><text x=\"" << x(mark.t) + 3 << "\" y=\"" << labelY << "\" font-size=\"10\">" << XmlText(mark.label)
-          << "</text>\n";
+          << "/><text x=\"" << x(mark.t) + (leftOfLine ? -3 : 3) << "\" y=\"" << labelY << "\" font-size=\"10\""
+          << (leftOfLine ? " text-anchor=\"end\"" : "") << ">" << XmlText(mark.label) << "</text>\n";
     }
     for (double t = 0; t <= span + 1e-9; t += timeStep) {
       svg << "<text x=\"" << x(t) << "\" y=\"" << bottom + 14 << "\" text-anchor=\"middle\" font-size=\"10\">" << t

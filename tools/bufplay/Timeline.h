@@ -1,6 +1,7 @@
 // --timeline: a picture of the session as SVG. One lane per sentence over a shared wall-clock axis:
-// the received and played seconds, the pauses and interruptions as shaded spans, and lines where
-// the sentence reached its run-out point and where it ended. Main loop only.
+// the received and played seconds (the played line breaks where a pause or interruption held it),
+// the holds as shaded spans, and lines where the sentence reached its run-out point and where it
+// ended. Labels are kept inside the picture. Main loop only.
 #pragma once
 
 #include <fstream>

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
-#include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "BadInput.h"
+#include "ExitStatus.h"
 #include "Diagnostics/qen_log.h"
 #include "Options.h"
 #include "Session.h"
@@ -36,7 +36,10 @@ void SelectOutput(const Options& options) {
       throw BadInput("cannot write " + path + ": " + std::strerror(errno));
     }
   }
-  std::string output = options.output;
+  std::string output = options.device ? "device:" + *options.device : options.output;
+  if (options.device && AudioOutputSelect(output) != noErr) {
+    throw BadInput("no sound output is named '" + *options.device + "' (see bufplay --list-devices)");
+  }
   // The platform would say so in a diagnostic line, which bufplay keeps off without -v.
   if (output == "default" && !PortAudioOutputExists()) {
     std::fprintf(stderr, "bufplay: no sound output on this machine; playing on the null output\n");
@@ -47,16 +50,31 @@ void SelectOutput(const Options& options) {
   }
 }
 
-SessionViews OpenViews(const Options& options, const std::vector<SentenceFile>& files) {
+// Opens every input up to its format, so that what cannot be played is named before any sound.
+// A signal that arrives while standard input is awaited ends bufplay as it would a session.
+std::vector<std::unique_ptr<SentenceSource>> OpenSources(const Options& options, int signalFd) {
+  std::vector<std::unique_ptr<SentenceSource>> sources;
+  for (const std::string& path : options.files) {
+    sources.push_back(std::make_unique<SentenceSource>(InputHints{.name = path, .format = options.format, .rawRate = options.rate},
+                                                       options.chunkBytes, signalFd));
+    if (options.verbosity > 0 && !sources.back()->conversion().empty()) {
+      std::fprintf(stderr, "bufplay: %s: converting %s\n", sources.back()->name().c_str(),
+                   sources.back()->conversion().c_str());
+    }
+  }
+  return sources;
+}
+
+SessionViews OpenViews(const Options& options, const std::vector<std::unique_ptr<SentenceSource>>& sources) {
   SessionViews views;
   if (options.eventsPath) views.eventLog = std::make_unique<EventLog>(*options.eventsPath);
   if (options.timelinePath) {
     std::vector<std::string> names;
-    for (const SentenceFile& file : files) names.push_back(file.name());
+    for (const std::unique_ptr<SentenceSource>& source : sources) names.push_back(source->name());
     views.timeline = std::make_unique<Timeline>(*options.timelinePath, names, options.offset);
   }
-  if (isatty(STDOUT_FILENO) && options.eventsPath != "-") {
-    views.display = std::make_unique<LiveDisplay>(stdout, files.size());
+  if (!options.quiet && isatty(STDOUT_FILENO) && options.eventsPath != "-") {
+    views.display = std::make_unique<LiveDisplay>(stdout, sources.size());
   }
   views.keys = TerminalKeys::Open();
   return views;
@@ -70,30 +88,35 @@ int main(int argc, char** argv) {
   const ParsedCommandLine commandLine = ParseCommandLine(argc, argv);
   if (!commandLine.options) return commandLine.exitStatus;
   const Options& options = *commandLine.options;
+  if (options.listDevices) {
+    const std::vector<std::string> names = PortAudioOutputNames();
+    if (names.empty()) std::fprintf(stderr, "bufplay: no sound output on this machine\n");
+    for (const std::string& name : names) std::printf("%s\n", name.c_str());
+    return names.empty() ? kExitBadInput : kExitFinished;
+  }
   // Without -v the player's own lines stay off (its default): bufplay names every problem itself, in
   // one line, and the player logs the end of every sentence at ERROR.
   const int levels[] = {QEN_TTS::QEN_LOG_LEVEL_OFF, QEN_TTS::QEN_LOG_LEVEL_DEBUG, QEN_TTS::QEN_LOG_LEVEL_TRACE};
   QEN_TTS::set_log_level(levels[options.verbosity]);
   QEN_TTS::set_log_sink([](std::string_view line) { TerminalLine::instance().printAbove(stderr, line); });
 
-  int exitStatus = 0;
+  int exitStatus = kExitFinished;
   try {
-    std::vector<SentenceFile> files;
-    for (const std::string& path : options.files) {
-      files.push_back(SentenceFile::Load(path, options.format, options.chunkBytes));
-    }
-    SessionViews views = OpenViews(options, files);
+    const std::vector<std::unique_ptr<SentenceSource>> sources = OpenSources(options, signals.fd());
+    SessionViews views = OpenViews(options, sources);
     SelectOutput(options);
     std::shared_ptr<AudioBufPlayer> player =
         AudioBufPlayer::initWithAudioSessionCategory(options.category, 0, options.sessionManagement);
     if (!player) {
       std::fprintf(stderr, "bufplay: the player could not be created\n");
-      return 1;
+      return kExitPlayerError;
     }
-    exitStatus = Session(options, files, player, signals, std::move(views)).run();
+    exitStatus = Session(options, sources, player, signals, std::move(views)).run();
   } catch (const BadInput& problem) {
     std::fprintf(stderr, "bufplay: %s\n", problem.what());
-    return 2;
+    return kExitBadInput;
+  } catch (const OpeningInterrupted&) {
+    return 128 + signals.take();
   }
   AudioQueueWaitForReleases(kReleaseWaitSeconds);
   return exitStatus;

@@ -11,6 +11,7 @@
 #include "Audio/Platform/OutputQueue/ManualDevice.h"
 #include "Audio/Platform/OutputQueue/OutputDevice.h"
 #include "Audio/Platform/OutputQueue/PortAudioDevice.h"
+#include "Audio/Platform/OutputQueue/PortAudioOutputs.h"
 #include "Audio/Platform/OutputQueue/WavWriter.h"
 #include "Diagnostics/qen_log.h"
 
@@ -18,6 +19,7 @@ namespace {
 struct Selection {
   enum class Kind { Default, Null, Wav, Manual } kind = Kind::Default;
   std::string wavPath;
+  std::string deviceName;  // Default: a PortAudio output by name; empty: PortAudio's default output
   uint32_t manualRate = 0;  // 0: whatever the stream's
   double speed = 1.0;
   unsigned wavFilesOpened = 0;
@@ -54,6 +56,11 @@ bool parse(const std::string& output, double speed, Selection* out) {
   if (output == "default") {
     out->kind = Selection::Kind::Default;
     return true;
+  }
+  if (startsWith("device:")) {
+    out->kind = Selection::Kind::Default;
+    out->deviceName = output.substr(7);
+    return PortAudioOutputIndex(out->deviceName) != paNoDevice;
   }
   if (output == "manual") {
     out->kind = Selection::Kind::Manual;
@@ -100,8 +107,8 @@ std::unique_ptr<OutputDevice> OpenOutputDevice(uint32_t sampleRate, uint32_t cha
   *status = noErr;
   switch (chosen.kind) {
     case Selection::Kind::Default:
-      if (PortAudioOutputExists()) {
-        return OpenPortAudioDevice(sampleRate, channels, status);
+      if (!chosen.deviceName.empty() || PortAudioOutputExists()) {
+        return OpenPortAudioDevice(sampleRate, channels, chosen.deviceName, status);
       }
       {
         static std::once_flag told;

@@ -16,6 +16,7 @@
 // exist keep theirs. `output` is one of:
 //   "default"      the machine's sound output (PortAudio). When the machine has none, the null
 //                  output, announced by one line on standard error the first time.
+//   "device:NAME"  the sound output of that name, one of PortAudioOutputNames().
 //   "null"         a real-time clock (periods of 10 ms) that discards the audio.
 //   "wav:PATH"     records what would be heard into a WAV file at the stream's rate and channel
 //                  count, on the same clock as "null". One file per queue: the first queue created
@@ -36,6 +37,10 @@ AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputSelect(const std::string& output, doub
 // Whether the machine has a sound output for "default". The first call sets PortAudio up, once per
 // process; it prints nothing.
 AUDIOBUFPLAYER_EXPORT bool PortAudioOutputExists();
+
+// The names of the machine's sound outputs, as PortAudio gives them (host API devices such as
+// "default", "pulse" or "HDA Intel PCH: ALC3246 Analog (hw:0,0)"); empty when there are none.
+AUDIOBUFPLAYER_EXPORT std::vector<std::string> PortAudioOutputNames();
 
 // Moves the manual clock of `queue` by `frames` frames of its sound output, on the calling thread,
 // as its sound output would, period by period (10 ms). Before each period it waits until the

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
+#include "Audio/Platform/OutputQueue/PortAudioOutputs.h"
 #include "Diagnostics/qen_log.h"
 
 namespace {
@@ -144,9 +145,10 @@ bool PortAudioOutputExists() {
   return exists;
 }
 
-std::unique_ptr<OutputDevice> OpenPortAudioDevice(uint32_t sampleRate, uint32_t channels, OSStatus* status) {
+std::unique_ptr<OutputDevice> OpenPortAudioDevice(uint32_t sampleRate, uint32_t channels, const std::string& deviceName,
+                                                  OSStatus* status) {
   *status = kAudioQueueErr_DeviceFailed;
-  const PaDeviceIndex device = Pa_GetDefaultOutputDevice();
+  const PaDeviceIndex device = deviceName.empty() ? Pa_GetDefaultOutputDevice() : PortAudioOutputIndex(deviceName);
   const PaDeviceInfo* info = device != paNoDevice ? Pa_GetDeviceInfo(device) : nullptr;
   if (info == nullptr) {
     return nullptr;

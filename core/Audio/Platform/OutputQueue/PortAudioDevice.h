@@ -7,9 +7,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Audio/Platform/OutputQueue/OutputDevice.h"
 
-// Opens the default output for a stream of this rate and channel count: at the stream's rate when
-// the output takes it, else at the output's own rate. Null and *status set when it cannot.
-std::unique_ptr<OutputDevice> OpenPortAudioDevice(uint32_t sampleRate, uint32_t channels, OSStatus* status);
+// Opens the output of that name (empty: the default output) for a stream of this rate and channel
+// count: at the stream's rate when the output takes it, else at the output's own rate. Null and
+// *status set when it cannot.
+std::unique_ptr<OutputDevice> OpenPortAudioDevice(uint32_t sampleRate, uint32_t channels, const std::string& deviceName,
+                                                  OSStatus* status);
