@@ -12,6 +12,7 @@ using namespace QEN_TTS::Audio;
 AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, AudioPlayerAudioFormats audioFormat,
                                              const std::shared_ptr<AudioBufPlayerDelegate>& withDelegate,
                                              double audioOffset) {
+  if (refusesReentry("playData")) return AudioBufPlayerError_STOPPED;
   AudioBufPlayerError result = AudioBufPlayerError_OK;
   std::lock_guard lock(playerStatusMutex);
   ProducerTurn turn(*this);
@@ -25,19 +26,12 @@ AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, Audi
     descIndex = 0;
     tmpAudioBuffer.clear();
     if (withDelegate) setDelegate(withDelegate);
-    {
-      // A queue left playing by the previous request must not end this one.
-      std::lock_guard pollLock(progressPollMutex);
-      playerStatus.store(PS_ACTIVE);
-      progressQueue = nullptr;
-    }
+    beginRequest();
     _currentFormat = audioFormat;
 
     const bool played = audioFormat == EAudioPlayerAudioFormat_PCM8K ||
                         audioFormat == EAudioPlayerAudioFormat_PCM16K || audioFormat == EAudioPlayerAudioFormat_MP3;
-    if (played) {
-      if (auto delegate = this->delegate()) delegate->playerWillStartPlayback(this);
-    }
+    if (played) tellDelegateWhileLocked([this](AudioBufPlayerDelegate& delegate) { delegate.playerWillStartPlayback(this); });
     switch (audioFormat) {
       case EAudioPlayerAudioFormat_PCM8K:
         LOG_DEBUG("Stream type PCM8");
@@ -68,7 +62,7 @@ AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, Audi
   if (data.empty()) {
     clearRequestStatus();
     broadcastStatusChange();
-    if (auto delegate = this->delegate()) delegate->PlaybackFinished(this);
+    tellDelegateWhileLocked([this](AudioBufPlayerDelegate& delegate) { delegate.PlaybackFinished(this); });
   }
   return result;
 }
@@ -78,6 +72,7 @@ AudioBufPlayerError AudioBufPlayer::appendAudioData(std::span<const uint8_t> dat
                                                     const std::shared_ptr<AudioBufPlayerDelegate>& withDelegate,
                                                     double audioOffset) {
   LOG_DEBUG("Audio data len: %ld", long(data.size()));
+  if (refusesReentry("appendAudioData")) return AudioBufPlayerError_STOPPED;
   std::unique_lock lock(playerStatusMutex);
   ProducerTurn turn(*this);
 
@@ -112,9 +107,10 @@ AudioBufPlayerError AudioBufPlayer::appendAudioData(std::span<const uint8_t> dat
   }
   if (result == AudioBufPlayerError_FAILED_PARSE_STREAM && receivedSamples.load() == 0) {
     // The stream failed before any audio came of it: nothing was queued that could play out and end
-    // the sentence, so it ends here, as a rejected first chunk does.
-    clearRequestStatus();
-    broadcastStatusChange();
+    // the sentence. A rejected first chunk tells its end by its result; an append's result cannot,
+    // since after audio came it leaves the sentence playing on.
+    LOG_ERROR("The sentence's stream failed before any of its audio: it ends");
+    finishRequest();
   }
   return result;
 }
