@@ -6,7 +6,8 @@
 // Meant for the sanitizer builds: ThreadSanitizer fails the run on a data race, AddressSanitizer on
 // a use after free or a leak.
 // Checked: nothing hangs (the watchdog); every sentence ends, and exactly one end reaches its
-// delegate: one PlaybackFinished, or at most one when the client stopped or released the player;
+// delegate (PlaybackFinished, or an error that ends a sentence), or at most one when the client
+// stopped or released the player;
 // every delegate call comes for its own, living player; in the end no player or delegate is left
 // and the process-wide session count is back to 0.
 // Not here: what is heard, the order of reports (the unit and end-to-end tests).
@@ -103,9 +104,9 @@ std::string FirstViolation() {
 // One for every feeding call, so that each playing of a sentence has a delegate of its own: reports
 // go to the delegate of the playData that started the playing, and a chunk appended after a stop
 // and a start starts a new playing with the delegate of that call. A delegate that saw
-// playerWillStartPlayback must see its playing end: PlaybackFinished, or a stop or release of the
-// player while it was the player's delegate. When it goes (after the last report posted to it), it
-// counts the PlaybackFinished it received.
+// playerWillStartPlayback must see its playing end: PlaybackFinished, an error that ends a sentence,
+// or a stop or release of the player while it was the player's delegate. When it goes (after the
+// last report posted to it), it counts the ends it received.
 // It may be handed the client's last reference to the player and drop it in its next call made
 // outside the player's locks: the player then goes away on the output queue's callback thread or
 // on a thread of the work queue.
@@ -113,10 +114,10 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
  public:
   explicit SentenceDelegate(AudioBufPlayer* player) : player_(player) { live.fetch_add(1); }
   ~SentenceDelegate() override {
-    const int finished = finished_.load();
-    if (finished > 1 || (started_.load() && !endedByClient_.load() && finished == 0)) {
+    const int ends = ends_.load();
+    if (ends > 1 || (started_.load() && !endedByClient_.load() && ends == 0)) {
       std::lock_guard lock(violationMutex);
-      if (violation.empty()) violation = "a sentence ended with " + std::to_string(finished) + " PlaybackFinished";
+      if (violation.empty()) violation = "a sentence had " + std::to_string(ends) + " ends";
     }
     live.fetch_sub(1);
   }
@@ -150,12 +151,16 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   void playProgressChanged(double, AudioBufPlayer* player) override { check(player, "playProgress", true); }
   void aboutToEnd(AudioBufPlayer* player) override { check(player, "aboutToEnd", true); }
   void PlaybackFinished(AudioBufPlayer* player) override {
-    finished_.fetch_add(1);
+    ends_.fetch_add(1);
     check(player, "PlaybackFinished", true, true);
   }
-  // Not an end: a failure that ends the sentence is followed by PlaybackFinished.
-  void PlayerError(AudioBufPlayerError, AudioBufPlayer* player, const std::string&) override {
-    check(player, "PlayerError", true);
+  // The others (no buffer, failed start) leave the sentence going on to its PlaybackFinished. Of
+  // parse failures only those before any audio end it, and any parse failure fails the run.
+  void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string&) override {
+    const bool ends = error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES ||
+                      error == AudioBufPlayerError_FAILED_OPEN_DEVICE || error == AudioBufPlayerError_FAILED_PARSE_STREAM;
+    if (ends) ends_.fetch_add(1);
+    check(player, "PlayerError", true, ends);
   }
   void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer* player) override {
     check(player, "PlayerWasPaused", true);
@@ -184,7 +189,7 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   std::atomic<bool> started_{false};
   std::atomic<bool> ended_{false};
   std::atomic<bool> endedByClient_{false};
-  std::atomic<int> finished_{0};
+  std::atomic<int> ends_{0};
   std::mutex mutex_;
   std::shared_ptr<AudioBufPlayer> handedOver_;  // guarded by mutex_
 };

@@ -1,9 +1,9 @@
 // Plan: every sentence that began gets exactly one end its client sees. A queue left playing out
 // by a sentence that an empty first chunk ended stops without a word, whether or not the next
 // sentence (MP3, no frame yet, so still on that queue) is under way; a sentence that cannot go on
-// (no buffer, no queue, a stream that failed before any audio) ends with its error and one
-// PlaybackFinished, and the next chunk starts a new one; a stop whose running state cannot be
-// read still ends the sentence.
+// ends at once, gives back its queue, and the next chunk starts a new one: with no buffer left,
+// by one PlaybackFinished after the error; with no queue, or a stream that failed before any
+// audio, by the error itself; a stop whose running state cannot be read still ends the sentence.
 // Not here: the end of a sentence that plays out (playback tests) and the empty first chunk
 // (request tests). Posted work is awaited on the work queue before the events are counted.
 #include "Audio/Platform/Dispatch.h"
@@ -49,12 +49,13 @@ TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
   }
 }
 
-TEST_F(PlayerTest, SentenceThatCannotGoOnEndsWithItsErrorAndOnePlaybackFinished) {
+TEST_F(PlayerTest, SentenceThatCannotGoOnEndsAtOnceWithOneEnd) {
   struct Case {
     const char* what;
     std::function<AudioBufPlayerError()> feed;  // returns what the call that ends the sentence returns
     AudioBufPlayerError returned, reported;
     Format format;
+    size_t finished;  // 1: PlaybackFinished follows the error; 0: the error is the end
   };
   const Case cases[] = {
       {"no queue buffer allocated",
@@ -62,7 +63,7 @@ TEST_F(PlayerTest, SentenceThatCannotGoOnEndsWithItsErrorAndOnePlaybackFinished)
          fake::failCall("AudioQueueAllocateBuffer", kAudioQueueErr_OutOfMemory);
          return play(testBytes(kBuffer), kPCM16K);
        },
-       AudioBufPlayerError_OK, AudioBufPlayerError_ALLOC_FAIL, kPCM16K},
+       AudioBufPlayerError_OK, AudioBufPlayerError_ALLOC_FAIL, kPCM16K, 1},
       {"every enqueue failed",
        [&] {
          for (int n = 1; n <= int(AudioBufPlayer::kNumberOfBuffers); ++n) {
@@ -70,20 +71,20 @@ TEST_F(PlayerTest, SentenceThatCannotGoOnEndsWithItsErrorAndOnePlaybackFinished)
          }
          return play(testBytes(AudioBufPlayer::kNumberOfBuffers * kBuffer), kPCM16K);
        },
-       AudioBufPlayerError_OK, AudioBufPlayerError_QUEUE_FAIL, kPCM16K},
+       AudioBufPlayerError_OK, AudioBufPlayerError_QUEUE_FAIL, kPCM16K, 1},
       {"PCM queue not opened",
        [&] {
          fake::failCall("AudioQueueNewOutput", kAudioQueueErr_DeviceFailed);
          return play(testBytes(kBuffer), kPCM8K);
        },
-       AudioBufPlayerError_OK, AudioBufPlayerError_FAILED_OPEN_DEVICE, kPCM8K},
+       AudioBufPlayerError_OK, AudioBufPlayerError_FAILED_OPEN_DEVICE, kPCM8K, 0},
       {"MP3 stream failed on an append before any audio",
        [&] {
          EXPECT_EQ(play(testBytes(100), kMP3), AudioBufPlayerError_OK);  // the format, not a packet yet
          fake::failCall("AudioFileStreamParseBytes", kAudioFileStreamError_InvalidFile);
          return append(testBytes(100), kMP3);
        },
-       AudioBufPlayerError_FAILED_PARSE_STREAM, AudioBufPlayerError_FAILED_PARSE_STREAM, kMP3},
+       AudioBufPlayerError_FAILED_PARSE_STREAM, AudioBufPlayerError_FAILED_PARSE_STREAM, kMP3, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -93,7 +94,7 @@ TEST_F(PlayerTest, SentenceThatCannotGoOnEndsWithItsErrorAndOnePlaybackFinished)
     EXPECT_EQ(peer().audioQueue(), nullptr) << "nothing left open";
     EXPECT_EQ(player->audioSessionSetCount(), 0);
     ASSERT_TRUE(postedWorkDone());
-    EXPECT_EQ(delegate->count("PlaybackFinished"), 1u);
+    EXPECT_EQ(delegate->count("PlaybackFinished"), c.finished);
     EXPECT_EQ(delegate->count("PlayerError"), c.reported == AudioBufPlayerError_QUEUE_FAIL ? 20u : 1u);
     for (const DelegateEvent& error : eventsNamed(delegate->events(), "PlayerError")) {
       EXPECT_EQ(error.error, c.reported);

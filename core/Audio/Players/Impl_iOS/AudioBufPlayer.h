@@ -227,8 +227,11 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   void beginPlaying();
   void AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning);
   void endPlayback(AudioQueueRef stoppedQueue);
-  // Ends the request under way with the PlaybackFinished its client waits for, whether its queue
-  // played out or the request cannot go on. Caller holds playerStatusMutex.
+  // Ends the request under way: its queue goes, and every flag but PS_STOPPED. The error that ended
+  // it is its end for the client. Caller holds playerStatusMutex.
+  void endRequest();
+  // Ends it with the PlaybackFinished its client waits for: its queue played out, or an error that
+  // leaves other sentences playing on (no buffer left) made it impossible to go on.
   void finishRequest();
   bool keepListeningForInterruptionEnd();
 

@@ -19,11 +19,11 @@ void AudioBufPlayer::AudioPacketsFoundCallback(uint32_t byteCount, uint32_t pack
                                                AudioFileStreamID fromAudioStream) {
   if (fromAudioStream != audioFileStream) return;
   if (!audioQueue) {
-    // The stream's queue could not be opened, and the opening reported why: none of the sentence's
-    // audio can ever play, so it ends now, and the client's next chunk starts a new one.
+    // The stream's queue could not be opened: none of the sentence's audio can ever play, so it
+    // ends now with the error the opening reported, and the client's next chunk starts a new one.
     if (byteCount > 0 && hasStatus(PS_ACTIVE)) {
       LOG_ERROR("No output queue to play the sentence: it ends");
-      finishRequest();
+      endRequest();
     }
     return;
   }

@@ -112,8 +112,12 @@ void AudioBufPlayer::endPlayback(AudioQueueRef stoppedQueue) {
   }
 }
 
-void AudioBufPlayer::finishRequest() {
+void AudioBufPlayer::endRequest() {
   resetAudioQueue();
   setPlayerStopped();
+}
+
+void AudioBufPlayer::finishRequest() {
+  endRequest();
   NotifyDelegate_speechPlayerDidFinished();
 }

@@ -106,11 +106,11 @@ AudioBufPlayerError AudioBufPlayer::appendAudioData(std::span<const uint8_t> dat
     }
   }
   if (result == AudioBufPlayerError_FAILED_PARSE_STREAM && receivedSamples.load() == 0) {
-    // The stream failed before any audio came of it: nothing was queued that could play out and end
-    // the sentence. A rejected first chunk tells its end by its result; an append's result cannot,
-    // since after audio came it leaves the sentence playing on.
+    // The stream failed before any audio came of it (the client has had no updatedTotalLength):
+    // nothing was queued that could play out and end the sentence, so it ends here with its error,
+    // as a rejected first chunk does, and gives back its queue.
     LOG_ERROR("The sentence's stream failed before any of its audio: it ends");
-    finishRequest();
+    endRequest();
   }
   return result;
 }
