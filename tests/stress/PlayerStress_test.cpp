@@ -158,7 +158,8 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   // parse failures only those before any audio end it, and any parse failure fails the run.
   void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string&) override {
     const bool ends = error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES ||
-                      error == AudioBufPlayerError_FAILED_OPEN_DEVICE || error == AudioBufPlayerError_FAILED_PARSE_STREAM;
+                      error == AudioBufPlayerError_FAILED_OPEN_DEVICE ||
+                      error == AudioBufPlayerError_FAILED_PARSE_STREAM;
     if (ends) ends_.fetch_add(1);
     check(player, "PlayerError", true, ends);
   }

@@ -222,7 +222,6 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   bool aBufferCanComeBack() const;
   void endRequestWithoutBuffers();
 
-
   // Queue start and running state; caller holds playerStatusMutex.
   void beginPlaying();
   void AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning);
@@ -291,7 +290,7 @@ class AudioBufPlayer : public std::enable_shared_from_this<AudioBufPlayer> {
   // What a poll needs to turn its queue's clock into the request's position, taken together when the
   // queue opened: a poll of an old queue must never read the rate of a new one.
   struct ProgressClock {
-    AudioQueueRef queue = nullptr;  // the queue whose played buffers may end request
+    AudioQueueRef queue = nullptr;  // the queue whose played buffers may end that request
     uint64_t request = 0;
     double sampleRate = 0.0;
     // What the request had received when the queue opened. A change of stream format mid-request

@@ -31,7 +31,9 @@ AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, Audi
 
     const bool played = audioFormat == EAudioPlayerAudioFormat_PCM8K ||
                         audioFormat == EAudioPlayerAudioFormat_PCM16K || audioFormat == EAudioPlayerAudioFormat_MP3;
-    if (played) tellDelegateWhileLocked([this](AudioBufPlayerDelegate& delegate) { delegate.playerWillStartPlayback(this); });
+    if (played) {
+      tellDelegateWhileLocked([this](AudioBufPlayerDelegate& delegate) { delegate.playerWillStartPlayback(this); });
+    }
     switch (audioFormat) {
       case EAudioPlayerAudioFormat_PCM8K:
         LOG_DEBUG("Stream type PCM8");
