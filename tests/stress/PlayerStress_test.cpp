@@ -5,9 +5,11 @@
 // players, in an order drawn from a seed. Round after round, until the time budget is spent.
 // Meant for the sanitizer builds: ThreadSanitizer fails the run on a data race, AddressSanitizer on
 // a use after free or a leak.
-// Checked: nothing hangs (the watchdog); every sentence ends, by a report, a stop or the player's
-// release; every delegate call comes for its own, living player; in the end no player or delegate
-// is left and the process-wide session count is back to 0.
+// Checked: nothing hangs (the watchdog); every sentence ends, and exactly one end reaches its
+// delegate (PlaybackFinished, or an error that ends a sentence), or at most one when the client
+// stopped or released the player;
+// every delegate call comes for its own, living player; in the end no player or delegate is left
+// and the process-wide session count is back to 0.
 // Not here: what is heard, the order of reports (the unit and end-to-end tests).
 //
 // ABP_STRESS_SEED=<n> replays a run's choices (the thread schedule is the machine's);
@@ -28,6 +30,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <stop_token>
+#include <string>
 #include <optional>
 #include <random>
 #include <thread>
@@ -101,15 +104,23 @@ std::string FirstViolation() {
 // One for every feeding call, so that each playing of a sentence has a delegate of its own: reports
 // go to the delegate of the playData that started the playing, and a chunk appended after a stop
 // and a start starts a new playing with the delegate of that call. A delegate that saw
-// playerWillStartPlayback must see its playing end: PlaybackFinished, PlayerError, or a stop or
-// release of the player while it was the player's delegate.
+// playerWillStartPlayback must see its playing end: PlaybackFinished, an error that ends a sentence,
+// or a stop or release of the player while it was the player's delegate. When it goes (after the
+// last report posted to it), it counts the ends it received.
 // It may be handed the client's last reference to the player and drop it in its next call made
 // outside the player's locks: the player then goes away on the output queue's callback thread or
 // on a thread of the work queue.
 class SentenceDelegate final : public AudioBufPlayerDelegate {
  public:
   explicit SentenceDelegate(AudioBufPlayer* player) : player_(player) { live.fetch_add(1); }
-  ~SentenceDelegate() override { live.fetch_sub(1); }
+  ~SentenceDelegate() override {
+    const int ends = ends_.load();
+    if (ends > 1 || (started_.load() && !endedByClient_.load() && ends == 0)) {
+      std::lock_guard lock(violationMutex);
+      if (violation.empty()) violation = "a sentence had " + std::to_string(ends) + " ends";
+    }
+    live.fetch_sub(1);
+  }
   static inline std::atomic<int> live{0};
 
   // Final once the feeding call has returned.
@@ -118,6 +129,11 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   void end() {
     ended_.store(true);
     ended_.notify_all();
+  }
+  // The client stopped or released the player: the playing may end without a report.
+  void endByClient() {
+    endedByClient_.store(true);
+    end();
   }
   // The watchdog catches a playing that never ends.
   void awaitEnd() const { ended_.wait(false); }
@@ -134,9 +150,18 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   // The other calls are made outside the player's locks, where the player may go away.
   void playProgressChanged(double, AudioBufPlayer* player) override { check(player, "playProgress", true); }
   void aboutToEnd(AudioBufPlayer* player) override { check(player, "aboutToEnd", true); }
-  void PlaybackFinished(AudioBufPlayer* player) override { check(player, "PlaybackFinished", true, true); }
-  void PlayerError(AudioBufPlayerError, AudioBufPlayer* player, const std::string&) override {
-    check(player, "PlayerError", true, true);
+  void PlaybackFinished(AudioBufPlayer* player) override {
+    ends_.fetch_add(1);
+    check(player, "PlaybackFinished", true, true);
+  }
+  // The others (no buffer, failed start) leave the sentence going on to its PlaybackFinished. Of
+  // parse failures only those before any audio end it, and any parse failure fails the run.
+  void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string&) override {
+    const bool ends = error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES ||
+                      error == AudioBufPlayerError_FAILED_OPEN_DEVICE ||
+                      error == AudioBufPlayerError_FAILED_PARSE_STREAM;
+    if (ends) ends_.fetch_add(1);
+    check(player, "PlayerError", true, ends);
   }
   void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer* player) override {
     check(player, "PlayerWasPaused", true);
@@ -164,6 +189,8 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   AudioBufPlayer* const player_;
   std::atomic<bool> started_{false};
   std::atomic<bool> ended_{false};
+  std::atomic<bool> endedByClient_{false};
+  std::atomic<int> ends_{0};
   std::mutex mutex_;
   std::shared_ptr<AudioBufPlayer> handedOver_;  // guarded by mutex_
 };
@@ -215,7 +242,7 @@ std::shared_ptr<SentenceDelegate> DelegateOf(AudioBufPlayer& player) {
 // Caller holds slot.mutex, so no start comes between the stop and the look at the delegate.
 void Stop(Slot& slot) {
   slot.player->stop();
-  if (auto delegate = DelegateOf(*slot.player)) delegate->end();
+  if (auto delegate = DelegateOf(*slot.player)) delegate->endByClient();
 }
 
 class PlayerStress {
@@ -232,6 +259,11 @@ class PlayerStress {
       threads.emplace_back([this, chaos, number] { disturb(random(number, kPlayers + chaos)); });
     }
     for (std::thread& thread : threads) thread.join();
+    // Until here every delegate of the round was kept, so that a second end would have reached it.
+    // They go outside the lock: one may hold the client's last reference to its player.
+    std::vector<std::shared_ptr<SentenceDelegate>> delegates;
+    std::lock_guard lock(delegatesMutex_);
+    delegates.swap(roundDelegates_);
   }
 
   // Lets go of every player and waits until each has been destroyed.
@@ -287,7 +319,7 @@ class PlayerStress {
                                                       std::mt19937_64& random) {
     std::vector<std::shared_ptr<SentenceDelegate>> playings;
     const auto endAll = [&] {
-      for (const auto& playing : playings) playing->end();
+      for (const auto& playing : playings) playing->endByClient();
       return playings;
     };
     const double offset = double(random() % 10);
@@ -303,6 +335,10 @@ class PlayerStress {
       }
       if (!player) return endAll();
       auto delegate = std::make_shared<SentenceDelegate>(player.get());
+      {
+        std::lock_guard lock(delegatesMutex_);
+        roundDelegates_.push_back(delegate);
+      }
       const bool first = position == 0;
       const AudioBufPlayerError result = first ? player->playData(chunk, audio.format, delegate, offset)
                                                : player->appendAudioData(chunk, audio.format, delegate, offset);
@@ -415,7 +451,7 @@ class PlayerStress {
   static void release(Slot& slot, std::unique_lock<std::mutex>& lock, bool byTheDelegate) {
     std::shared_ptr<AudioBufPlayer> player = std::move(slot.player);
     if (auto delegate = DelegateOf(*player)) {
-      delegate->end();
+      delegate->endByClient();
       if (byTheDelegate) delegate->holdUntilNextCall(std::move(player));
     }
     lock.unlock();
@@ -425,6 +461,8 @@ class PlayerStress {
   const std::vector<SentenceAudio> corpus_;
   std::array<Slot, kPlayers> slots_;
   std::vector<std::weak_ptr<AudioBufPlayer>> released_;  // the driver's thread only
+  std::mutex delegatesMutex_;
+  std::vector<std::shared_ptr<SentenceDelegate>> roundDelegates_;  // guarded by delegatesMutex_
 };
 
 TEST(PlayerStress, RandomInterleavingsNeitherRaceNorHangNorLeakAndEverySentenceEnds) {

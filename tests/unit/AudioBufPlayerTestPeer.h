@@ -53,6 +53,8 @@ class AudioBufPlayerTestPeer {
   uint64_t receivedSamples() const { return p_.receivedSamples.load(); }
   double receivedAudioLength() const { return p_.receivedAudioLength.load(); }
   double sampleRate() const { return p_._sampleRate.load(); }
+  // As a format found mid-sentence does, before the queue for it replaces the current one.
+  void storeStreamRate(double rate) { p_._sampleRate.store(rate); }
   uint64_t samplesPerPacket() const { return p_.SamplesPerPacket; }
   QEN_TTS::Audio::AudioPlayerAudioFormats currentFormat() const { return p_._currentFormat; }
   bool isListeningInterruptions() {

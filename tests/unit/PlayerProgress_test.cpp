@@ -1,6 +1,7 @@
 // Plan: the progress poll after each played buffer. The run-out edge against 2.0 s received (1.75 s
 // reports only; 1.7501 s stops the queue after what it holds, sets PS_ENDING and announces the end
-// before the progress, and again at every later poll), at the stream's own rate, with the offset
+// before the progress, and again at every later poll), at the rate of the polled queue's own
+// stream (also while a new format's rate is stored and its queue not yet open), with the offset
 // added to reported positions only, counted on from where a new queue took over; a failing time
 // query or a poll without a request reports nothing.
 // Not here: how the received length is counted (packing tests) and what the queue's stop leads to
@@ -28,7 +29,14 @@ std::vector<DelegateEvent> pollReports(const RecordingDelegate& delegate) {
 }
 
 TEST_F(PlayerTest, PollReportsThePositionAndEndsTheSentenceWithinAQuarterSecondOfTheReceivedAudio) {
-  struct Case { const char* what; Format format; double sampleTime; double offset; bool ends; double reported; };
+  struct Case {
+    const char* what;
+    Format format;
+    double sampleTime, offset;
+    bool ends;
+    double reported;
+    double nextFormatsRate = 0.0;  // stored before the queue for that format opens; 0: none
+  };
   const Case cases[] = {
       {"0.25 s left", kPCM16K, 28000, 0.0, false, 1.75},
       {"less than 0.25 s left", kPCM16K, 28001.6, 0.0, true, 1.7501},
@@ -36,6 +44,7 @@ TEST_F(PlayerTest, PollReportsThePositionAndEndsTheSentenceWithinAQuarterSecondO
       {"offset not in the run-out test", kPCM16K, 28001.6, 3.0, true, 4.7501},
       {"16000 Hz stream", kPCM16K, 8000, 0.0, false, 0.5},
       {"8000 Hz stream", kPCM8K, 8000, 0.0, false, 1.0},
+      {"at its own queue's rate while the next format's is stored", kPCM16K, 16000, 0.0, false, 1.0, 8000.0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -43,6 +52,7 @@ TEST_F(PlayerTest, PollReportsThePositionAndEndsTheSentenceWithinAQuarterSecondO
     ASSERT_EQ(play(twoSeconds(c.format), c.format, c.offset), AudioBufPlayerError_OK);
     auto queue = fake::lastQueue();
     queue.setSampleTime(c.sampleTime);
+    if (c.nextFormatsRate) peer().storeStreamRate(c.nextFormatsRate);
     // Past the run-out point every poll announces the end again; the bit is already set.
     ASSERT_TRUE(queue.playBack());
     ASSERT_TRUE(queue.playBack());

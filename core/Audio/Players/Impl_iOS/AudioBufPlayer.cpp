@@ -141,7 +141,21 @@ void AudioBufPlayer::setAudioSessionSetCount(int64_t count) { _audioSessionSetCo
 bool AudioBufPlayer::hasStatus(uint16_t flags) const { return (playerStatus.load() & flags) != 0; }
 void AudioBufPlayer::setStatus(uint16_t flags) { playerStatus.fetch_or(flags); }
 void AudioBufPlayer::clearStatus(uint16_t flags) { playerStatus.fetch_and(uint16_t(~flags)); }
-void AudioBufPlayer::clearRequestStatus() { playerStatus.fetch_and(PS_STOPPED); }
+// Both under the poll's lock, so that a poll never acts on a request that has ended or on the next one.
+void AudioBufPlayer::clearRequestStatus() {
+  std::lock_guard lock(progressPollMutex);
+  playerStatus.fetch_and(PS_STOPPED);
+}
+
+void AudioBufPlayer::beginRequest() {
+  std::lock_guard lock(progressPollMutex);
+  playerStatus.store(PS_ACTIVE);
+  ++requestNumber;
+}
+
+bool AudioBufPlayer::isQueueOfRequestUnderWay(AudioQueueRef queue) const {
+  return queue && queue == audioQueue && audioQueueRequest == requestNumber && hasStatus(PS_ACTIVE);
+}
 
 void AudioBufPlayer::waitForStatusChange() {
   // The caller already holds the mutex: adopt it for the wait and hand it back held.

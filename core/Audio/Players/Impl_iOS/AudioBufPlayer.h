@@ -17,6 +17,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -77,7 +78,10 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
                                       const std::shared_ptr<AudioBufPlayerDelegate>& withDelegate,
                                       double audioOffset);
 
-  // --- Transport controls. Any thread, but not from inside a delegate call made with the mutex held. ---
+  // --- Transport controls. Any thread. ---
+  // Neither these nor the playback requests may be called from inside a delegate call made with the
+  // mutex held (AudioBufPlayerDelegate.h): such a call is refused with an ERROR line and has no
+  // effect (a request returns STOPPED), instead of waiting for ever on the mutex its thread holds.
 
   // Linear gain of the output queue; applied to later queues only when 0.0 or more.
   void setVolume(float volume);
@@ -143,8 +147,13 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   bool hasStatus(uint16_t flags) const;
   void setStatus(uint16_t flags);
   void clearStatus(uint16_t flags);
-  // Clears every flag but PS_STOPPED, which keeps its value.
+  // Clears every flag but PS_STOPPED, which keeps its value: the request under way is over.
   void clearRequestStatus();
+  // Makes the word exactly PS_ACTIVE for a request with an identity of its own.
+  void beginRequest();
+  // Caller holds playerStatusMutex. Whether queue is the one the request under way opened: events
+  // of any other queue, or of a queue whose request has ended, must not act on the request.
+  bool isQueueOfRequestUnderWay(AudioQueueRef queue) const;
   // Caller holds playerStatusMutex; it is released while waiting.
   void waitForStatusChange();
   void broadcastStatusChange();
@@ -156,6 +165,13 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   void NotifyDelegate_speechPlayerDidFinished();
   // Reports a failed platform call as "<name> returned error %ld (%s)".
   void notifyDelegateOfPlatformError(AudioBufPlayerError error, const char* call, OSStatus status);
+
+  // Sends a delegate call at once, on this thread, with playerStatusMutex held; nothing without a
+  // delegate. The thread remembers that it is inside, so that refusesReentry can tell.
+  void tellDelegateWhileLocked(const std::function<void(AudioBufPlayerDelegate&)>& call);
+  // Whether operation was called from inside tellDelegateWhileLocked of this player on this thread;
+  // then it writes the ERROR line that names the rule, and the caller returns without effect.
+  bool refusesReentry(const char* operation) const;
 
   // Producers are served one at a time: waits until no other feeding call is inside, and lets the
   // next one in when it ends (at the latest on destruction). Caller holds playerStatusMutex.
@@ -210,11 +226,19 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   void beginPlaying();
   void AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning);
   void endPlayback(AudioQueueRef stoppedQueue);
+  // Ends the request under way: its queue goes, and every flag but PS_STOPPED. The error that ended
+  // it is its end for the client. Caller holds playerStatusMutex.
+  void endRequest();
+  // Ends it with the PlaybackFinished its client waits for: its queue played out, or an error that
+  // leaves other sentences playing on (no buffer left) made it impossible to go on.
+  void finishRequest();
   bool keepListeningForInterruptionEnd();
 
   // Pause arbitration; caller holds playerStatusMutex.
   void pauseIfNeeded();
   void resumeIfNeeded();
+  // Clears the reasons to hold the request under way and restarts it if none is left.
+  void liftHold(uint16_t reasons);
 
   // Session uses of this player; caller may hold playerStatusMutex.
   void setOrResetAVSession(bool reset);
@@ -223,12 +247,15 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
 
   // Progress poll after queue played a buffer; runs on its callback thread without playerStatusMutex.
   void outputPlayProgress(AudioQueueRef queue);
+  // Caller holds progressPollMutex. Whether a poll of queue may report on and end the request under way.
+  bool pollMayActOn(AudioQueueRef queue) const;
 
   uint64_t clientId_ = 0;  // identifies this player to the platform's callbacks; set once by the factory
 
   bool isListeningInterruptions = false;  // guarded by objectLock
   AudioFileStreamID audioFileStream = nullptr;
   AudioQueueRef audioQueue = nullptr;
+  uint64_t audioQueueRequest = 0;  // the request that opened audioQueue
   std::array<AudioQueueBufferRef, kNumberOfBuffers> audioQueueBuffer{};
   std::array<bool, kNumberOfBuffers> FreeAudioQueueBuffers{};
   size_t lostBufferSlots = 0;  // slots of the current queue whose enqueue failed
@@ -240,6 +267,11 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   std::condition_variable playerStatusCondition;
   std::atomic<uint16_t> playerStatus{PS_STOPPED};
   bool producerInside = false;  // guarded by playerStatusMutex
+  // The identity of the latest request: a queue may outlive its request (an empty first chunk ends
+  // the request and leaves the queue playing out), and the next request may keep it until its own
+  // format is known, so a queue handle cannot tell two requests apart. Changed under both
+  // playerStatusMutex and progressPollMutex, read under either.
+  uint64_t requestNumber = 0;
   std::atomic<uint64_t> receivedSamples{0};
   std::atomic<double> receivedAudioLength{0.0};  // read by the progress poll without the mutex
   std::atomic<double> _sampleRate{0.0};
@@ -252,14 +284,21 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   std::atomic<int64_t> _audioSessionSetCount{0};
 
   // The progress poll runs without playerStatusMutex. This lock, held only for a few instructions and
-  // never while calling out, keeps it from ending a request with another request's queue: it guards
-  // progressQueue and the status word's change to a new request.
+  // never while calling out, keeps it from acting on a request with another request's queue: it
+  // guards progressClock, and the status word's changes from one request to the next.
   std::mutex progressPollMutex;
-  AudioQueueRef progressQueue = nullptr;  // the queue whose played buffers may end the current request
-  // What the request had received when progressQueue opened. A change of stream format mid-request
-  // replaces the queue, whose clock starts again at 0, and drops what the old one had not played:
-  // the request's position is this plus the new queue's.
-  double progressQueueStart = 0.0;
+  // What a poll needs to turn its queue's clock into the request's position, taken together when the
+  // queue opened: a poll of an old queue must never read the rate of a new one.
+  struct ProgressClock {
+    AudioQueueRef queue = nullptr;  // the queue whose played buffers may end that request
+    uint64_t request = 0;
+    double sampleRate = 0.0;
+    // What the request had received when the queue opened. A change of stream format mid-request
+    // replaces the queue, whose clock starts again at 0, and drops what the old one had not played:
+    // the request's position is this plus the new queue's.
+    double startOffset = 0.0;
+  };
+  ProgressClock progressClock;  // guarded by progressPollMutex
 
   mutable std::mutex propertyMutex;
   std::optional<std::string> _audioCategory;        // guarded by propertyMutex

@@ -3,7 +3,8 @@
 // Threads. A delegate must accept calls from several threads at once:
 // - playerWillStartPlayback, updatedTotalLength and the PlaybackFinished of an empty first chunk
 //   come at once on the thread that called playData / appendAudioData, while the player holds its
-//   status mutex: from inside them, call no operation of the player.
+//   status mutex: from inside them, call no operation of the player (a transport or request call
+//   made there on the same thread is refused with an ERROR line and has no effect).
 // - playProgressChanged and aboutToEnd come at once on the output queue's callback thread, outside
 //   every lock of the player.
 // - PlaybackFinished (after the queue played everything), PlayerError, PlayerWasPaused and
@@ -51,8 +52,13 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayerDelegate {
   // Playback came within 0.25 s of the received audio; appended audio is refused from now on.
   // Sent again with every later progress report of the sentence.
   virtual void aboutToEnd(AudioBufPlayer* player) = 0;
-  // The sentence ended: everything was played, or it was started with an empty chunk.
+  // The sentence ended: everything was played, it was started with an empty chunk, or no queue
+  // buffer was left to play it (after the ALLOC_FAIL or QUEUE_FAIL that said why). Sent once.
   virtual void PlaybackFinished(AudioBufPlayer* player) = 0;
+  // A failure. FAILED_GET_STREAM_PROPERTIES and FAILED_OPEN_DEVICE end the sentence, and so does
+  // FAILED_PARSE_STREAM when playData returned it, or appendAudioData before any updatedTotalLength
+  // of the sentence: no PlaybackFinished follows. After the others the sentence goes on to its
+  // PlaybackFinished.
   virtual void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string& description) = 0;
   virtual void PlayerWasPaused(AudioBufPlayerPauseSource source, AudioBufPlayer* player) = 0;
   virtual void PlayerWasResumed(AudioBufPlayer* player) = 0;

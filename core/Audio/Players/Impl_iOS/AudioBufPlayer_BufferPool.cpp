@@ -70,12 +70,11 @@ bool AudioBufPlayer::aBufferCanComeBack() const {
 // be allocated), waiting for a buffer would wait for ever. The errors have been reported already.
 void AudioBufPlayer::endRequestWithoutBuffers() {
   LOG_ERROR("No queue buffer is left to play the sentence: it ends");
-  resetAudioQueue();
-  setPlayerStopped();
+  finishRequest();
 }
 
 void AudioBufPlayer::AudioQueue_releasedBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer) {
-  if (inAQ != audioQueue) return;
+  if (!isQueueOfRequestUnderWay(inAQ)) return;
   for (size_t i = 0; i < kNumberOfBuffers; ++i) {
     if (audioQueueBuffer[i] == inBuffer) {
       FreeAudioQueueBuffers[i] = true;

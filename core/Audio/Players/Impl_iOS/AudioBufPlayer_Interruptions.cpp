@@ -21,8 +21,7 @@ void AudioBufPlayer::audioSessionInterrupted(const Notification& notification) {
     NotifyDelegate_speechPlayerDidPaused(AudioBufPlayerPauseSource_INTERRUPT);
   } else if (interruptionType == AVAudioSessionInterruptionTypeEnded) {
     LOG_DEBUG("AudioSession interruption ended");
-    clearStatus(PS_INTERRUPTED);
-    resumeIfNeeded();
+    liftHold(PS_INTERRUPTED);
   }
 }
 

@@ -48,10 +48,10 @@ OSStatus AudioBufPlayer::openAudioQueueWithDescription(AudioStreamBasicDescripti
     notifyDelegateOfPlatformError(AudioBufPlayerError_FAILED_OPEN_DEVICE, "AudioQueueAddPropertyListener", status);
     return status;
   }
+  audioQueueRequest = requestNumber;
   {
     std::lock_guard lock(progressPollMutex);
-    progressQueue = queue;
-    progressQueueStart = receivedAudioLength.load();
+    progressClock = {queue, requestNumber, description.mSampleRate, receivedAudioLength.load()};
   }
   broadcastStatusChange();
   return status;
@@ -61,7 +61,7 @@ void AudioBufPlayer::resetAudioQueue() {
   if (AudioQueueRef queue = audioQueue) {
     {
       std::lock_guard lock(progressPollMutex);
-      progressQueue = nullptr;
+      progressClock = {};
     }
     const OSStatus status = AudioQueueDispose(queue, true);
     audioQueue = nullptr;

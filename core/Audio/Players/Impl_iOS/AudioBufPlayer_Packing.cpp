@@ -18,7 +18,15 @@ void AudioBufPlayer::AudioPacketsFoundCallback(uint32_t byteCount, uint32_t pack
                                                const AudioStreamPacketDescription* packetDescriptions,
                                                AudioFileStreamID fromAudioStream) {
   if (fromAudioStream != audioFileStream) return;
-  if (!audioQueue) return;
+  if (!audioQueue) {
+    // The stream's queue could not be opened: none of the sentence's audio can ever play, so it
+    // ends now with the error the opening reported, and the client's next chunk starts a new one.
+    if (byteCount > 0 && hasStatus(PS_ACTIVE)) {
+      LOG_ERROR("No output queue to play the sentence: it ends");
+      endRequest();
+    }
+    return;
+  }
   updateProgressEstimations(packetCount);
   const auto* data = static_cast<const uint8_t*>(AudioData);
   if (packetDescriptions) {
@@ -33,7 +41,9 @@ void AudioBufPlayer::updateProgressEstimations(uint32_t packetCount) {
   receivedSamples.fetch_add(samples);
   const double length = receivedAudioLength.load() + double(samples) / _sampleRate.load();
   receivedAudioLength.store(length);
-  if (auto delegate = this->delegate()) delegate->updatedTotalLength(length + reportAudioLenOffset(), this);
+  tellDelegateWhileLocked([this, length](AudioBufPlayerDelegate& delegate) {
+    delegate.updatedTotalLength(length + reportAudioLenOffset(), this);
+  });
 }
 
 void AudioBufPlayer::packByDescription(uint32_t byteCount, uint32_t packetCount, const uint8_t* data,

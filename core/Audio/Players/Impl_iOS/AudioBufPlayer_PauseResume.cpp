@@ -55,3 +55,12 @@ void AudioBufPlayer::resumeIfNeeded() {
   }
   broadcastStatusChange();
 }
+
+void AudioBufPlayer::liftHold(uint16_t reasons) {
+  // Before an MP3 sentence's format is known there is no queue to pause, so no restart will tell
+  // the end of a hold that was told as a pause; it is told here instead, as it is with a queue.
+  const bool heldWithoutQueue = hasStatus(PS_USER_PAUSED | PS_INTERRUPTED) && !hasStatus(PS_QUEUE_PAUSED);
+  clearStatus(reasons);
+  resumeIfNeeded();
+  if (heldWithoutQueue && !hasStatus(PS_USER_PAUSED | PS_INTERRUPTED)) NotifyDelegate_speechPlayerDidResumed();
+}

@@ -56,11 +56,11 @@ void AudioQueueIsRunningCb(void* pSelf, AudioQueueRef inAQ, AudioQueuePropertyID
   uint32_t size = sizeof running;
   const OSStatus status = AudioQueueGetProperty(inAQ, kAudioQueueProperty_IsRunning, &running, &size);
   if (status != noErr) {
-    // Guessing the state could end a sentence that is still playing; the next change tells again.
-    LOG_DEBUG("AudioQueueGetProperty(IsRunning) returned: %d ignore change", int(status));
-    return;
+    // A queue whose state cannot be read cannot be trusted to play on, and if this change was its
+    // stop, no other report will come: ending the sentence early beats leaving it without an end.
+    LOG_DEBUG("AudioQueueGetProperty(IsRunning) returned: %d taken as stopped", int(status));
   }
-  const bool isRunning = running != 0;
+  const bool isRunning = status == noErr && running != 0;
   dispatch_async(dispatch_get_global_queue(0, 0), [player, inAQ, isRunning] {
     std::lock_guard lock(player->playerStatusMutex);
     player->AudioQueue_newRunningState(inAQ, isRunning);
@@ -83,7 +83,9 @@ bool AudioBufPlayer::keepListeningForInterruptionEnd() {
 // Running-state task; caller holds playerStatusMutex.
 void AudioBufPlayer::AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning) {
   while (hasStatus(PS_QUEUE_PAUSED)) waitForStatusChange();
-  if (inAQ != audioQueue) return;
+  // A queue left playing out by a request that has ended stops without a word: that request has had
+  // its end, and the next one, which may keep the queue until its own opens, is not over.
+  if (!isQueueOfRequestUnderWay(inAQ)) return;
   if (isRunning) {
     LOG_DEBUG("Audio queue started");
     return;
@@ -98,17 +100,25 @@ void AudioBufPlayer::AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunni
 
 // End-of-playback task; caller holds playerStatusMutex.
 void AudioBufPlayer::endPlayback(AudioQueueRef stoppedQueue) {
-  // A new request may have replaced the queue since it stopped; that request is not finished.
-  if (stoppedQueue != audioQueue) return;
+  // The request may have ended, and another begun, since the queue stopped; that one is not finished.
+  if (!isQueueOfRequestUnderWay(stoppedQueue)) return;
   const bool holdSession = _AVSessionManagmentEnabled.load();
   if (holdSession) SetAudioSessionActivationStatus(true, true);
-  resetAudioQueue();
-  setPlayerStopped();
-  NotifyDelegate_speechPlayerDidFinished();
+  finishRequest();
   if (holdSession) {
     dispatch_async(dispatch_get_global_queue(0, 0), [self = shared_from_this()] {
       sleepForTimeInterval(kSessionHoldAfterPlayback);
       SetAudioSessionActivationStatus(false, self->AVSessionManagmentEnabled());
     });
   }
+}
+
+void AudioBufPlayer::endRequest() {
+  resetAudioQueue();
+  setPlayerStopped();
+}
+
+void AudioBufPlayer::finishRequest() {
+  endRequest();
+  NotifyDelegate_speechPlayerDidFinished();
 }

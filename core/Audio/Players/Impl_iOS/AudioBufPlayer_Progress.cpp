@@ -13,11 +13,11 @@ constexpr double aboutToRunOutOfDataWarningLimit = 0.25;
 
 void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
   if (!hasStatus(PS_ACTIVE)) return;
-  double queueStart = 0.0;
+  ProgressClock clock;
   {
     std::lock_guard lock(progressPollMutex);
-    if (queue != progressQueue) return;
-    queueStart = progressQueueStart;
+    if (!pollMayActOn(queue)) return;
+    clock = progressClock;
   }
   AudioTimeStamp timeStamp{};
   const OSStatus status = AudioQueueGetCurrentTime(queue, nullptr, &timeStamp, nullptr);
@@ -27,7 +27,7 @@ void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
   }
   // Measured against this queue's clock alone, a request whose format changed would never come
   // within reach of its received length, and would never end.
-  const double played = queueStart + timeStamp.mSampleTime / _sampleRate.load();
+  const double played = clock.startOffset + timeStamp.mSampleTime / clock.sampleRate;
   LOG_TRACE("current playtime = %f", played);
 
   const double received = receivedAudioLength.load();
@@ -37,15 +37,18 @@ void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
               aboutToRunOutOfDataWarningLimit);
     {
       std::lock_guard lock(progressPollMutex);
-      // The request may have ended, or another begun, since the position was read.
-      if (queue != progressQueue) return;
+      // The request may have ended, or another begun, since the position was read; while this lock
+      // is held, neither can happen.
+      if (!pollMayActOn(queue)) return;
       AudioQueueStop(queue, false);
-      uint16_t word = playerStatus.load();
-      while ((word & PS_ACTIVE) && !playerStatus.compare_exchange_weak(word, uint16_t(word | PS_ENDING))) {
-      }
+      setStatus(PS_ENDING);
     }
     broadcastStatusChange();
     if (delegate) delegate->aboutToEnd(this);
   }
   if (delegate) delegate->playProgressChanged(played + reportAudioLenOffset(), this);
+}
+
+bool AudioBufPlayer::pollMayActOn(AudioQueueRef queue) const {
+  return queue && queue == progressClock.queue && progressClock.request == requestNumber && hasStatus(PS_ACTIVE);
 }

@@ -12,6 +12,7 @@ using namespace QEN_TTS::Audio;
 AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, AudioPlayerAudioFormats audioFormat,
                                              const std::shared_ptr<AudioBufPlayerDelegate>& withDelegate,
                                              double audioOffset) {
+  if (refusesReentry("playData")) return AudioBufPlayerError_STOPPED;
   AudioBufPlayerError result = AudioBufPlayerError_OK;
   std::lock_guard lock(playerStatusMutex);
   ProducerTurn turn(*this);
@@ -25,18 +26,13 @@ AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, Audi
     descIndex = 0;
     tmpAudioBuffer.clear();
     if (withDelegate) setDelegate(withDelegate);
-    {
-      // A queue left playing by the previous request must not end this one.
-      std::lock_guard pollLock(progressPollMutex);
-      playerStatus.store(PS_ACTIVE);
-      progressQueue = nullptr;
-    }
+    beginRequest();
     _currentFormat = audioFormat;
 
     const bool played = audioFormat == EAudioPlayerAudioFormat_PCM8K ||
                         audioFormat == EAudioPlayerAudioFormat_PCM16K || audioFormat == EAudioPlayerAudioFormat_MP3;
     if (played) {
-      if (auto delegate = this->delegate()) delegate->playerWillStartPlayback(this);
+      tellDelegateWhileLocked([this](AudioBufPlayerDelegate& delegate) { delegate.playerWillStartPlayback(this); });
     }
     switch (audioFormat) {
       case EAudioPlayerAudioFormat_PCM8K:
@@ -68,7 +64,7 @@ AudioBufPlayerError AudioBufPlayer::playData(std::span<const uint8_t> data, Audi
   if (data.empty()) {
     clearRequestStatus();
     broadcastStatusChange();
-    if (auto delegate = this->delegate()) delegate->PlaybackFinished(this);
+    tellDelegateWhileLocked([this](AudioBufPlayerDelegate& delegate) { delegate.PlaybackFinished(this); });
   }
   return result;
 }
@@ -78,6 +74,7 @@ AudioBufPlayerError AudioBufPlayer::appendAudioData(std::span<const uint8_t> dat
                                                     const std::shared_ptr<AudioBufPlayerDelegate>& withDelegate,
                                                     double audioOffset) {
   LOG_DEBUG("Audio data len: %ld", long(data.size()));
+  if (refusesReentry("appendAudioData")) return AudioBufPlayerError_STOPPED;
   std::unique_lock lock(playerStatusMutex);
   ProducerTurn turn(*this);
 
@@ -111,10 +108,11 @@ AudioBufPlayerError AudioBufPlayer::appendAudioData(std::span<const uint8_t> dat
     }
   }
   if (result == AudioBufPlayerError_FAILED_PARSE_STREAM && receivedSamples.load() == 0) {
-    // The stream failed before any audio came of it: nothing was queued that could play out and end
-    // the sentence, so it ends here, as a rejected first chunk does.
-    clearRequestStatus();
-    broadcastStatusChange();
+    // The stream failed before any audio came of it (the client has had no updatedTotalLength):
+    // nothing was queued that could play out and end the sentence, so it ends here with its error,
+    // as a rejected first chunk does, and gives back its queue.
+    LOG_ERROR("The sentence's stream failed before any of its audio: it ends");
+    endRequest();
   }
   return result;
 }

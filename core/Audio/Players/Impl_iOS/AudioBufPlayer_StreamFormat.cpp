@@ -30,8 +30,7 @@ void AudioBufPlayer::AudioPropertyFoundForStream(AudioFileStreamID stream, Audio
         AudioFileStreamGetProperty(audioFileStream, kAudioFileStreamProperty_DataFormat, &size, &description);
     if (status != noErr) {
       LOG_ERROR("Err at %s %d", "-[AudioBufPlayer AudioPropertyFoundForStream:propertyID:Flags:]", __LINE__);
-      resetAudioQueue();
-      setPlayerStopped();
+      endRequest();
       notifyDelegateOfPlatformError(AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES, "AudioFileStreamParseBytes",
                                     status);
       return;
@@ -54,8 +53,7 @@ void AudioBufPlayer::AudioPropertyFoundForStream(AudioFileStreamID stream, Audio
     openAudioQueueWithDescription(description);
   } catch (const PlatformException& exception) {
     LOG_ERROR("%s %d Audio init exception: %s", __FILE__, __LINE__, exception.description());
-    resetAudioQueue();
-    setPlayerStopped();
+    endRequest();
     notifyDelegateOfError(AudioBufPlayerError_FAILED_OPEN_DEVICE,
                           std::string("Exception while init audio: ") + exception.description());
   }

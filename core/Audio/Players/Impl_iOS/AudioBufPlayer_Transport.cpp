@@ -3,12 +3,14 @@
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 
 void AudioBufPlayer::setVolume(float volume) {
+  if (refusesReentry("setVolume")) return;
   std::lock_guard lock(playerStatusMutex);
   _volume.store(volume);
   if (audioQueue) AudioQueueSetParameter(audioQueue, kAudioQueueParam_Volume, this->volume());
 }
 
 void AudioBufPlayer::pause() {
+  if (refusesReentry("pause")) return;
   std::lock_guard lock(playerStatusMutex);
   setStatus(PS_USER_PAUSED);
   if (hasStatus(PS_ACTIVE)) pauseIfNeeded();
@@ -16,10 +18,10 @@ void AudioBufPlayer::pause() {
 }
 
 void AudioBufPlayer::resume() {
+  if (refusesReentry("resume")) return;
   std::lock_guard lock(playerStatusMutex);
   if (hasStatus(PS_ACTIVE)) {
-    clearStatus(PS_USER_PAUSED | PS_INTERRUPTED);
-    resumeIfNeeded();
+    liftHold(PS_USER_PAUSED | PS_INTERRUPTED);
   } else if (hasStatus(PS_USER_PAUSED)) {
     clearStatus(PS_USER_PAUSED);
     NotifyDelegate_speechPlayerDidResumed();
@@ -27,12 +29,14 @@ void AudioBufPlayer::resume() {
 }
 
 void AudioBufPlayer::start() {
+  if (refusesReentry("start")) return;
   std::lock_guard lock(playerStatusMutex);
   clearStatus(PS_STOPPED);
   broadcastStatusChange();
 }
 
 void AudioBufPlayer::stop() {
+  if (refusesReentry("stop")) return;
   std::lock_guard lock(playerStatusMutex);
   resetAudioQueue();
   setPlayerStopped();
