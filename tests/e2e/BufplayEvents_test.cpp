@@ -70,7 +70,7 @@ struct Sentence {
   }
 };
 
-const std::string kHelloPcm = CorpusPath("hello_s16le_16000.pcm");
+std::string HelloPcm() { return CorpusPath("hello_s16le_16000.pcm"); }
 constexpr double kHelloSeconds = 0.960750;  // 30744 bytes at 16 kHz
 
 Outcome PlayOnNull(std::vector<std::string> arguments) {
@@ -80,7 +80,7 @@ Outcome PlayOnNull(std::vector<std::string> arguments) {
 
 TEST(BufplayEvents, OneSentenceReportsStartLengthProgressRunOutAndFinishWithTheOffsetAdded) {
   REQUIRE_BUFPLAY();
-  const Outcome outcome = PlayOnNull({"--offset", "10", "--format", "pcm16k", kHelloPcm});
+  const Outcome outcome = PlayOnNull({"--offset", "10", "--format", "pcm16k", HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   EXPECT_EQ(outcome.err, "");
   const Sentence sentence(ParseEvents(outcome.out), 1);
@@ -114,7 +114,7 @@ TEST_P(BufplayHold, PausesWithItsSourceHoldsThePositionAndResumes) {
   REQUIRE_BUFPLAY();
   const ScriptedHold& hold = GetParam();
   const Outcome outcome = PlayOnNull(
-      {"--at", std::string("0.5:") + hold.begin, "--at", std::string("1.0:") + hold.end, "--format", "pcm16k", kHelloPcm});
+      {"--at", std::string("0.5:") + hold.begin, "--at", std::string("1.0:") + hold.end, "--format", "pcm16k", HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const Sentence sentence(ParseEvents(outcome.out), 1);
   const ptrdiff_t paused = sentence.indexOf("PlayerWasPaused");
@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(Holds, BufplayHold,
 TEST(BufplayEvents, BackgroundHoldsTheNextSentenceUntilForeground) {
   REQUIRE_BUFPLAY();
   const Outcome outcome =
-      PlayOnNull({"--at", "0.5:background", "--at", "2.0:foreground", "--format", "pcm16k", kHelloPcm, kHelloPcm});
+      PlayOnNull({"--at", "0.5:background", "--at", "2.0:foreground", "--format", "pcm16k", HelloPcm(), HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<Event> events = ParseEvents(outcome.out);
   const Sentence first(events, 1);
@@ -167,7 +167,7 @@ TEST(BufplayEvents, BackgroundHoldsTheNextSentenceUntilForeground) {
 
 TEST(BufplayEvents, StopEndsTheSentenceWithoutFinishAndStartPlaysTheNext) {
   REQUIRE_BUFPLAY();
-  const Outcome outcome = PlayOnNull({"--at", "0.3:stop", "--at", "0.5:start", "--format", "pcm16k", kHelloPcm, kHelloPcm});
+  const Outcome outcome = PlayOnNull({"--at", "0.3:stop", "--at", "0.5:start", "--format", "pcm16k", HelloPcm(), HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<Event> events = ParseEvents(outcome.out);
   const Sentence first(events, 1);
@@ -196,7 +196,7 @@ TEST(BufplayEvents, SentenceWithoutSoundIsEndedInsteadOfAwaitedForever) {
 TEST(BufplayEvents, ProducerSlowerThanPlaybackIsToldHowMuchWasRefused) {
   REQUIRE_BUFPLAY();
   // Half real time: the first chunk has played out long before the second arrives.
-  const Outcome outcome = PlayOnNull({"--pace", "0.5", "--format", "pcm16k", kHelloPcm});
+  const Outcome outcome = PlayOnNull({"--pace", "0.5", "--format", "pcm16k", HelloPcm()});
   EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
   EXPECT_NE(outcome.err.find("slower than playback"), std::string::npos) << outcome.err;
   const Sentence sentence(ParseEvents(outcome.out), 1);
@@ -208,7 +208,7 @@ TEST(BufplayEvents, TimelinePicturesTheSentencesWithTheirHoldsAndEnds) {
   REQUIRE_BUFPLAY();
   ScratchFolder scratch;
   const Outcome outcome = RunBufplay({"--output", "null", "--timeline", scratch.file("session.svg"), "--at",
-                                      "0.3:pause", "--at", "0.6:resume", "--format", "pcm16k", kHelloPcm});
+                                      "0.3:pause", "--at", "0.6:resume", "--format", "pcm16k", HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<uint8_t> bytes = ReadBytes(scratch.file("session.svg"));
   const std::string svg(bytes.begin(), bytes.end());
