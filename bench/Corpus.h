@@ -1,4 +1,4 @@
-// Audio of the shared corpus, read whole, and looped to the length a benchmark needs.
+// Audio of the test corpus (tests/corpus/data), read whole, and looped to the length a benchmark needs.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// MP3 stream parsing speed, in bytes of stream per second: every good MP3 of the shared corpus
+// MP3 stream parsing speed, in bytes of stream per second: every good MP3 of the test corpus
 // (tags, Info frames and all) is parsed by a fresh parser, fed in chunks of the size given, with
 // callbacks that only count. The target is 200 MB/s for chunks of a few KiB; chunks of one byte
 // show the cost of a call.

@@ -74,7 +74,7 @@ void MeasurePlayingCost() {
   const LoopedSentence sentences[] = {
       {"PCM 16 kHz", "fox_s16le_16000.pcm", 3.2049, 19, EAudioPlayerAudioFormat_PCM16K, 3200},
       {"MP3 16 kHz mono 32 kb/s", "fox_m2_16k_cbr32_lame.mp3", 3.3120, 18, EAudioPlayerAudioFormat_MP3, 1024},
-      {"MP3 44.1 kHz stereo 128 kb/s", "hold_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3", 2.3153, 26,
+      {"MP3 44.1 kHz stereo 128 kb/s", "hello_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3", 0.9707, 62,
        EAudioPlayerAudioFormat_MP3, 1024},
   };
   for (const LoopedSentence& sentence : sentences) {

@@ -10,7 +10,7 @@ namespace {
 
 struct BadRun {
   const char* name;
-  std::vector<std::string> arguments;  // "SCRATCH/" is replaced with a scratch folder
+  std::vector<std::string> arguments;  // "SCRATCH/" is replaced with a scratch folder, "HELLO" with a sentence
   const char* message;  // part of the one line on standard error
   std::vector<uint8_t> standardInput = {};  // written to bufplay, then the pipe is closed
 };
@@ -37,6 +37,7 @@ TEST_P(BufplayBadRun, ExitsWithStatus2AndOneLineNamingTheProblem) {
   for (std::string& argument : arguments) {
     const size_t at = argument.find("SCRATCH/");
     if (at != std::string::npos) argument.replace(at, 8, scratch.file(""));
+    if (argument == "HELLO") argument = CorpusPath("hello_s16le_16000.pcm");
   }
   StandardInput input{GetParam().standardInput, "", {}};
   const Outcome outcome = RunBufplay(arguments, std::chrono::seconds(120), &input);
@@ -47,22 +48,20 @@ TEST_P(BufplayBadRun, ExitsWithStatus2AndOneLineNamingTheProblem) {
   EXPECT_NE(outcome.err.find(GetParam().message), std::string::npos) << outcome.err;
 }
 
-const std::string kHello = CorpusPath("hello_s16le_16000.pcm");
-
 INSTANTIATE_TEST_SUITE_P(
     Arguments, BufplayBadRun,
     testing::Values(BadRun{"NoFile", {}, "FILE is required"},
-                    BadRun{"UnknownOption", {"--loud", kHello}, "--loud"},
-                    BadRun{"UnknownFormat", {"--format", "ogg", kHello}, "--format"},
-                    BadRun{"ZeroChunk", {"--chunk", "0", kHello}, "--chunk"},
-                    BadRun{"NegativePace", {"--pace", "-1", kHello}, "--pace"},
-                    BadRun{"VolumeAboveOne", {"--volume", "2", kHello}, "--volume"},
-                    BadRun{"UnknownOutput", {"--output", "speaker", kHello}, "--output speaker"},
-                    BadRun{"SpeedOfTheSoundCard", {"--speed", "2", kHello}, "--speed"},
-                    BadRun{"ActionWithoutTime", {"--at", "pause", kHello}, "SECONDS:ACTION"},
-                    BadRun{"TimeNotANumber", {"--at", "soon:pause", kHello}, "not a number"},
-                    BadRun{"UnknownAction", {"--at", "1:rewind", kHello}, "unknown action 'rewind'"},
-                    BadRun{"VolumeActionOutOfRange", {"--at", "1:volume=3", kHello}, "from 0 to 1"},
+                    BadRun{"UnknownOption", {"--loud", "HELLO"}, "--loud"},
+                    BadRun{"UnknownFormat", {"--format", "ogg", "HELLO"}, "--format"},
+                    BadRun{"ZeroChunk", {"--chunk", "0", "HELLO"}, "--chunk"},
+                    BadRun{"NegativePace", {"--pace", "-1", "HELLO"}, "--pace"},
+                    BadRun{"VolumeAboveOne", {"--volume", "2", "HELLO"}, "--volume"},
+                    BadRun{"UnknownOutput", {"--output", "speaker", "HELLO"}, "--output speaker"},
+                    BadRun{"SpeedOfTheSoundCard", {"--speed", "2", "HELLO"}, "--speed"},
+                    BadRun{"ActionWithoutTime", {"--at", "pause", "HELLO"}, "SECONDS:ACTION"},
+                    BadRun{"TimeNotANumber", {"--at", "soon:pause", "HELLO"}, "not a number"},
+                    BadRun{"UnknownAction", {"--at", "1:rewind", "HELLO"}, "unknown action 'rewind'"},
+                    BadRun{"VolumeActionOutOfRange", {"--at", "1:volume=3", "HELLO"}, "from 0 to 1"},
                     BadRun{"MissingFile", {"SCRATCH/missing.mp3"}, "No such file or directory"},
                     BadRun{"Folder", {"--format", "mp3", "SCRATCH/"}, "Is a directory"},
                     BadRun{"RawPcmWithoutFormat", {"SCRATCH/raw.pcm"}, "needs --format"},
@@ -74,8 +73,8 @@ INSTANTIATE_TEST_SUITE_P(
                     BadRun{"EightBitWavOnStandardInput", {"-"}, "this WAV holds PCM, 1 channel(s), 8000 Hz, 8 bits",
                            EightBitWav()},
                     BadRun{"StandardInputTwice", {"-", "-"}, "read once only"},
-                    BadRun{"EventsInMissingFolder", {"--events", "SCRATCH/no/events.jsonl", "--format", "pcm16k", kHello}, "cannot write"},
-                    BadRun{"RecordingInMissingFolder", {"--output", "wav:SCRATCH/no/out.wav", "--format", "pcm16k", kHello}, "cannot write"}),
+                    BadRun{"EventsInMissingFolder", {"--events", "SCRATCH/no/events.jsonl", "--format", "pcm16k", "HELLO"}, "cannot write"},
+                    BadRun{"RecordingInMissingFolder", {"--output", "wav:SCRATCH/no/out.wav", "--format", "pcm16k", "HELLO"}, "cannot write"}),
     [](const testing::TestParamInfo<BadRun>& info) { return std::string(info.param.name); });
 
 TEST(BufplayErrors, AudioThePlayerCannotParseExitsWithStatus1AndTheParseError) {

@@ -71,7 +71,7 @@ struct Sentence {
   }
 };
 
-const std::string kHelloPcm = CorpusPath("hello_s16le_16000.pcm");
+std::string HelloPcm() { return CorpusPath("hello_s16le_16000.pcm"); }
 constexpr double kHelloSeconds = 0.960750;  // 30744 bytes at 16 kHz
 
 Outcome PlayOnNull(std::vector<std::string> arguments) {
@@ -95,7 +95,7 @@ TEST_P(BufplayHold, PausesWithItsSourceHoldsThePositionAndResumes) {
   REQUIRE_BUFPLAY();
   const ScriptedHold& hold = GetParam();
   const Outcome outcome = PlayOnNull(
-      {"--at", std::string("0.5:") + hold.begin, "--at", std::string("1.0:") + hold.end, "--format", "pcm16k", kHelloPcm});
+      {"--at", std::string("0.5:") + hold.begin, "--at", std::string("1.0:") + hold.end, "--format", "pcm16k", HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const Sentence sentence(ParseEvents(outcome.out), 1);
   const ptrdiff_t paused = sentence.indexOf("PlayerWasPaused");
@@ -129,7 +129,7 @@ INSTANTIATE_TEST_SUITE_P(Holds, BufplayHold,
 TEST(BufplayEvents, BackgroundHoldsTheNextSentenceUntilForeground) {
   REQUIRE_BUFPLAY();
   const Outcome outcome =
-      PlayOnNull({"--at", "0.5:background", "--at", "2.0:foreground", "--format", "pcm16k", kHelloPcm, kHelloPcm});
+      PlayOnNull({"--at", "0.5:background", "--at", "2.0:foreground", "--format", "pcm16k", HelloPcm(), HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<Event> events = ParseEvents(outcome.out);
   const Sentence first(events, 1);
@@ -148,7 +148,7 @@ TEST(BufplayEvents, BackgroundHoldsTheNextSentenceUntilForeground) {
 
 TEST(BufplayEvents, StopEndsTheSentenceWithoutFinishAndStartPlaysTheNext) {
   REQUIRE_BUFPLAY();
-  const Outcome outcome = PlayOnNull({"--at", "0.3:stop", "--at", "0.5:start", "--format", "pcm16k", kHelloPcm, kHelloPcm});
+  const Outcome outcome = PlayOnNull({"--at", "0.3:stop", "--at", "0.5:start", "--format", "pcm16k", HelloPcm(), HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<Event> events = ParseEvents(outcome.out);
   const Sentence first(events, 1);
@@ -190,7 +190,7 @@ class BufplayLead : public testing::TestWithParam<RealTimeProducer> {};
 TEST_P(BufplayLead, ReportsTheSentenceInOrderAndPlaysItWholeOrSaysHowMuchWasRefused) {
   REQUIRE_BUFPLAY();
   std::vector<std::string> arguments = GetParam().lead;
-  arguments.insert(arguments.end(), {"--offset", "10", "--pace", "1", "--chunk", "1600", "--format", "pcm16k", kHelloPcm});
+  arguments.insert(arguments.end(), {"--offset", "10", "--pace", "1", "--chunk", "1600", "--format", "pcm16k", HelloPcm()});
   const Outcome outcome = PlayOnNull(arguments);
   EXPECT_EQ(outcome.exitStatus, GetParam().exitStatus) << outcome.err;
   EXPECT_EQ(std::regex_search(outcome.err, std::regex("the player refused [0-9.]+ s of audio")), GetParam().refused)
@@ -218,7 +218,7 @@ TEST(BufplayEvents, TimelinePicturesTheSentencesWithTheirHoldsAndEnds) {
   REQUIRE_BUFPLAY();
   ScratchFolder scratch;
   const Outcome outcome = RunBufplay({"--output", "null", "--timeline", scratch.file("session.svg"), "--at",
-                                      "0.3:pause", "--at", "0.6:resume", "--format", "pcm16k", kHelloPcm});
+                                      "0.3:pause", "--at", "0.6:resume", "--format", "pcm16k", HelloPcm()});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<uint8_t> bytes = ReadBytes(scratch.file("session.svg"));
   const std::string svg(bytes.begin(), bytes.end());

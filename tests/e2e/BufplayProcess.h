@@ -26,6 +26,8 @@
 #include <thread>
 #include <vector>
 
+#include "corpus/Corpus.h"
+
 extern char** environ;
 
 namespace bufplay_test {
@@ -40,7 +42,7 @@ inline constexpr const char* kBufplay = nullptr;
 #define REQUIRE_BUFPLAY() \
   if (!bufplay_test::kBufplay) GTEST_SKIP() << "bufplay is not built (ABP_BUILD_TOOLS is OFF)"
 
-inline std::string CorpusPath(const std::string& name) { return std::string(ABP_CORPUS_DIR) + "/" + name; }
+using corpus::CorpusPath;
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

@@ -3,12 +3,11 @@
 // error reported, its producer back, no hang), and the next sentence plays to its end.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <future>
-#include <iterator>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Platform/OutputQueue/OutputFaults.h"
+#include "corpus/Corpus.h"
 #include "Diagnostics/qen_log.h"
 #include "unit/RecordingDelegate.h"
 
@@ -20,11 +19,6 @@ using QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K;
 // time even under a sanitizer, then 0.1 s a chunk.
 constexpr size_t kFirstChunkBytes = 32000;
 constexpr size_t kChunkBytes = 3200;
-
-std::vector<uint8_t> Speech() {
-  std::ifstream file(std::string(ABP_CORPUS_DIR) + "/fox_s16le_16000.pcm", std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // What the test does while the sentence with the fault is fed.
 enum class Meanwhile { Nothing, ResumeOnPause, LoseDeviceOnProgress };
@@ -72,7 +66,7 @@ class PlayerFaults : public testing::TestWithParam<Fault> {
     });
   }
 
-  const std::vector<uint8_t> speech_ = Speech();
+  const std::vector<uint8_t> speech_ = corpus::ReadCorpusFile("fox_s16le_16000.pcm");
   std::shared_ptr<AudioBufPlayer> player_;
 };
 

@@ -11,7 +11,7 @@
 #include <iterator>
 
 #include "platform/OutputQueueTestSupport.h"
-#include "platform/StreamParserTestSupport.h"
+#include "corpus/Corpus.h"
 
 namespace output_queue_test {
 namespace {
@@ -76,7 +76,7 @@ TEST(OutputDevices, WavOutputRecordsExactlyWhatIsHeard) {
     AudioStreamBasicDescription format;
     std::vector<int16_t> audio;
   };
-  const std::vector<Case> cases = {{PcmFormat(8000), stream_parser_test::ReadCorpusSamples("hello_s16le_8000.pcm")},
+  const std::vector<Case> cases = {{PcmFormat(8000), corpus::ReadCorpusSamples("hello_s16le_8000.pcm")},
                                    {PcmFormat(22050, 2), Ramp(20000)}};
   for (const Case& test : cases) {
     const std::string path = TempPath("record.wav");

@@ -17,29 +17,6 @@ using stream_parser_test::AudioFrameBytes;
 using stream_parser_test::Bytes;
 using stream_parser_test::ReadCorpusSamples;
 
-struct CleanMp3 {
-  std::string file;
-  uint32_t rate;
-  uint32_t channels;
-  size_t refSamples;
-  size_t leadTrim;
-  size_t rawSamples;
-};
-void PrintTo(const CleanMp3& mp3, std::ostream* out) { *out << mp3.file; }
-
-std::vector<CleanMp3> CleanMp3s() {
-  std::vector<CleanMp3> files;
-  for (const auto& row : stream_parser_test::ReadTsv("MANIFEST.tsv")) {
-    const std::string& file = row.at("file");
-    if (file.ends_with(".mp3") && row.at("expected") == "plays") {
-      files.push_back({file, uint32_t(std::stoul(row.at("rate"))), uint32_t(std::stoul(row.at("channels"))),
-                       std::stoul(row.at("ref_samples")), std::stoul(row.at("lead_trim")),
-                       std::stoul(row.at("raw_samples"))});
-    }
-  }
-  return files;
-}
-
 // Packs packets into buffers of at most 5120 bytes, as the player does, and enqueues them.
 void EnqueuePackets(TestQueue& queue, const std::vector<Bytes>& packets) {
   constexpr size_t kBufferBytes = 5120;
@@ -65,35 +42,33 @@ std::vector<int16_t> Play(TestQueue& queue, const std::vector<Bytes>& packets) {
   return queue.advanceUntilStopped();
 }
 
-class OutputQueueMp3Corpus : public ::testing::TestWithParam<CleanMp3> {};
+TEST(OutputQueueMp3, EveryCleanFileIsHeardAsTheReferenceDecodeWithoutGaplessTrimming) {
+  for (const auto& row : stream_parser_test::ReadTsv("MANIFEST.tsv")) {
+    const std::string& file = row.at("file");
+    if (!file.ends_with(".mp3") || row.at("expected") != "plays") continue;
+    SCOPED_TRACE(file);
+    const size_t channels = std::stoul(row.at("channels"));
+    const size_t rawSamples = std::stoul(row.at("raw_samples"));
+    TestQueue queue(Mp3Format(uint32_t(std::stoul(row.at("rate"))), uint32_t(channels)));
+    const std::vector<int16_t> heard = Play(queue, AudioFrameBytes(file));
+    const std::vector<int16_t> ref = ReadCorpusSamples(row.at("ref_file"));
+    ASSERT_EQ(ref.size(), std::stoul(row.at("ref_samples")) * channels);
 
-TEST_P(OutputQueueMp3Corpus, IsHeardAsTheReferenceDecodeWithoutGaplessTrimming) {
-  const CleanMp3& mp3 = GetParam();
-  TestQueue queue(Mp3Format(mp3.rate, mp3.channels));
-  const std::vector<int16_t> heard = Play(queue, AudioFrameBytes(mp3.file));
-  const std::vector<int16_t> ref = ReadCorpusSamples(mp3.file.substr(0, mp3.file.size() - 4) + ".ref.pcm");
-  ASSERT_EQ(ref.size(), mp3.refSamples * mp3.channels);
-
-  ASSERT_EQ(heard.size(), mp3.rawSamples * mp3.channels);
-  const size_t lead = mp3.leadTrim * mp3.channels;
-  int worst = 0;
-  for (size_t i = 0; i < ref.size(); ++i) {
-    worst = std::max(worst, std::abs(heard[lead + i] - ref[i]));
+    ASSERT_EQ(heard.size(), rawSamples * channels);
+    const size_t lead = std::stoul(row.at("lead_trim")) * channels;
+    int worst = 0;
+    for (size_t i = 0; i < ref.size(); ++i) worst = std::max(worst, std::abs(heard[lead + i] - ref[i]));
+    EXPECT_LE(worst, 1);
+    EXPECT_EQ(queue.counters().undecodablePackets, 0u);
+    EXPECT_EQ(queue.counters().framesPlayed, rawSamples);
+    EXPECT_EQ(queue.sampleTime(), double(rawSamples));
   }
-  EXPECT_LE(worst, 1);
-  const AudioQueueCounters counters = queue.counters();
-  EXPECT_EQ(counters.undecodablePackets, 0u);
-  EXPECT_EQ(counters.framesPlayed, mp3.rawSamples);
-  EXPECT_EQ(queue.sampleTime(), double(mp3.rawSamples));
 }
-
-INSTANTIATE_TEST_SUITE_P(CleanFiles, OutputQueueMp3Corpus, ::testing::ValuesIn(CleanMp3s()),
-                         [](const auto& info) { return stream_parser_test::CorpusTestName(info.param.file); });
 
 TEST(OutputQueueMp3, PacketsThatAreNotAudioOfTheStreamInsertNothingAndAreCounted) {
   const std::vector<Bytes> clean = AudioFrameBytes("fox_m2_16k_cbr32_lame.mp3");
-  const std::vector<Bytes> otherRate = AudioFrameBytes("turn_m2_24k_vbr_lame_xing.mp3");
-  const std::vector<Bytes> stereo = AudioFrameBytes("hold_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3");
+  const std::vector<Bytes> otherRate = AudioFrameBytes("hold_m2_24k_vbr_lame_xing.mp3");
+  const std::vector<Bytes> stereo = AudioFrameBytes("hello_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3");
   const Bytes junk(200, 0x55);
   std::vector<Bytes> mixed(clean.begin(), clean.end());
   mixed.insert(mixed.begin() + 60, junk);

@@ -1,4 +1,4 @@
-// Shared by the platform tests: the corpus as they read it, byte helpers for tags, and a recorder
+// Shared by the platform tests: the corpus's frame tables, byte helpers for tags, and a recorder
 // that feeds bytes to a real parser in chosen chunks and writes down what comes back.
 #pragma once
 
@@ -6,66 +6,18 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Audio/Platform/AudioFileStream.h"
+#include "corpus/Corpus.h"
 
 namespace stream_parser_test {
 
 using Bytes = std::vector<uint8_t>;
 
-inline std::string CorpusPath(const std::string& name) { return std::string(ABP_CORPUS_DIR) + "/" + name; }
-
-inline Bytes ReadCorpusFile(const std::string& name) {
-  std::ifstream in(CorpusPath(name), std::ios::binary);
-  EXPECT_TRUE(in.good()) << "cannot read " << CorpusPath(name);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// A corpus file of 16-bit little-endian samples.
-inline std::vector<int16_t> ReadCorpusSamples(const std::string& name) {
-  const Bytes bytes = ReadCorpusFile(name);
-  std::vector<int16_t> samples(bytes.size() / 2);
-  std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
-  return samples;
-}
-
-// A tab-separated file with a header row, each row as column name -> text.
-inline std::vector<std::map<std::string, std::string>> ReadTsv(const std::string& name) {
-  std::ifstream in(CorpusPath(name));
-  EXPECT_TRUE(in.good()) << "cannot read " << CorpusPath(name);
-  const auto split = [](const std::string& line) {
-    std::vector<std::string> cells;
-    std::stringstream stream(line);
-    for (std::string cell; std::getline(stream, cell, '\t');) cells.push_back(cell);
-    return cells;
-  };
-  std::string line;
-  std::getline(in, line);
-  const std::vector<std::string> columns = split(line);
-  std::vector<std::map<std::string, std::string>> rows;
-  while (std::getline(in, line)) {
-    const std::vector<std::string> cells = split(line);
-    auto& row = rows.emplace_back();
-    for (size_t i = 0; i < columns.size() && i < cells.size(); ++i) row[columns[i]] = cells[i];
-  }
-  return rows;
-}
-
-// A parameterised test's name for a corpus file: its name without ".mp3", '_' for anything else
-// that gtest does not take.
-inline std::string CorpusTestName(std::string file) {
-  file.resize(file.size() - 4);
-  for (char& c : file) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-  return file;
-}
+using namespace corpus;
 
 // One frame as the corpus lists it in <name>.frames.tsv.
 struct CorpusFrame {

@@ -40,7 +40,7 @@
 #include "Audio/Platform/Dispatch.h"
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
-#include "platform/StreamParserTestSupport.h"
+#include "corpus/Corpus.h"
 #include "unit/AudioBufPlayerTestPeer.h"
 
 extern char** environ;
@@ -208,7 +208,7 @@ struct SentenceAudio {
 // Every sentence of the corpus that plays: PCM at the player's two rates, and MP3.
 std::vector<SentenceAudio> CorpusSentences() {
   std::vector<SentenceAudio> sentences;
-  for (auto& row : stream_parser_test::ReadTsv("MANIFEST.tsv")) {
+  for (auto& row : corpus::ReadTsv("MANIFEST.tsv")) {
     if (row["expected"].rfind("plays", 0) != 0) continue;
     std::optional<AudioPlayerAudioFormats> format;
     if (row["format"] == "pcm_s16le") {
@@ -216,7 +216,7 @@ std::vector<SentenceAudio> CorpusSentences() {
     } else if (row["format"].find("L3") != std::string::npos) {
       format = EAudioPlayerAudioFormat_MP3;
     }
-    if (format) sentences.push_back({*format, stream_parser_test::ReadCorpusFile(row["file"])});
+    if (format) sentences.push_back({*format, corpus::ReadCorpusFile(row["file"])});
   }
   return sentences;
 }
