@@ -27,7 +27,7 @@ bool Playout::takeBackEnd(uint64_t position) {
   return endAt_.compare_exchange_strong(position, kNoEnd, std::memory_order_acq_rel);
 }
 
-size_t Playout::render(int16_t* out, size_t frames) noexcept {
+size_t Playout::render(int16_t* out, size_t frames, uint64_t latencyFrames) noexcept {
   // A consistent view of the control side. It stores a discard before it lets a run play, bumps
   // discards_ after storing the position, stores an end before it writes the frames after it, and
   // writes a new run's frames only after all that; hence this load order. The control word is read
@@ -107,7 +107,11 @@ size_t Playout::render(int16_t* out, size_t frames) noexcept {
     const uint64_t available = std::min(written, end) - read;
     if (available > 0) {
       const size_t count = size_t(std::min<uint64_t>(available, frames - done));
-      play(out + done * ring_.channels(), count, true, volume);
+      // Short of this call's frames and not at the drain's end: the ring runs dry right after them.
+      const bool gapFollows = count < frames - done && written < end;
+      const size_t fading = gapFollows ? std::min<size_t>(count, fadeFrames_) : 0;
+      play(out + done * ring_.channels(), count - fading, true, volume);
+      fadeBeforeGap(out + (done + count - fading) * ring_.channels(), fading, volume);
       done += count;
       heard = done;
       dry_ = false;
@@ -125,11 +129,41 @@ size_t Playout::render(int16_t* out, size_t frames) noexcept {
   }
 
   std::memset(out + done * ring_.channels(), 0, (frames - done) * ring_.channels() * sizeof(int16_t));
+  const uint64_t heardBefore = heardRead_.load(std::memory_order_relaxed);
+  publishHeard(frames, latencyFrames);
   const uint64_t readAfter = ring_.readPosition();
-  if (readAfter != readBefore && readAfter >= wakeAt_.load(std::memory_order_seq_cst)) {
+  const uint64_t heardAfter = heardRead_.load(std::memory_order_relaxed);
+  if ((readAfter != readBefore && readAfter >= wakeAtRead_.load(std::memory_order_seq_cst)) ||
+      (heardAfter != heardBefore && heardAfter >= wakeAtHeard_.load(std::memory_order_seq_cst))) {
     wakeup_.notify();
   }
   return heard;
+}
+
+void Playout::publishHeard(size_t frames, uint64_t latencyFrames) {
+  outputFrames_ += frames;
+  newestMark_ = (newestMark_ + 1) % marks_.size();
+  marks_[newestMark_] = Mark{outputFrames_, ring_.readPosition(), played_};
+  marksKept_ = std::min(marksKept_ + 1, marks_.size());
+  const uint64_t heardUpTo = outputFrames_ - std::min(latencyFrames, outputFrames_);
+  const Mark* heard = nullptr;
+  for (size_t age = 0; age < marksKept_; ++age) {
+    const Mark& mark = marks_[(newestMark_ + marks_.size() - age) % marks_.size()];
+    if (mark.outputFrames <= heardUpTo || age + 1 == marks_.size()) {
+      heard = &mark;
+      break;
+    }
+  }
+  if (heard == nullptr) {
+    return;  // the first calls' frames are still on their way
+  }
+  if (heard->played > 0 && firstFrameNanos_.load(std::memory_order_relaxed) == 0) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    firstFrameNanos_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
+                           std::memory_order_relaxed);
+  }
+  heardPlayed_.store(heard->played, std::memory_order_relaxed);
+  heardRead_.store(heard->read, std::memory_order_seq_cst);
 }
 
 void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
@@ -137,32 +171,43 @@ void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
     return;
   }
   ring_.read(out, frames);
-  countHeard(frames);
+  countHeard(frames, volume);
+  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume && volume == 1.0f) {
+    return;  // heard exactly as enqueued
+  }
+  for (size_t frame = 0; frame < frames; ++frame) {
+    envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
+    scale(out + frame * ring_.channels(), float(envelope_) / float(fadeFrames_), volume);
+  }
+}
+
+void Playout::fadeBeforeGap(int16_t* out, size_t frames, float volume) {
+  if (frames == 0) {
+    return;
+  }
+  ring_.read(out, frames);
+  countHeard(frames, volume);
+  // From the level reached down to silence on the last frame, however few frames are left.
+  const float from = float(envelope_) / float(fadeFrames_);
+  for (size_t frame = 0; frame < frames; ++frame) {
+    scale(out + frame * ring_.channels(), from * float(frames - 1 - frame) / float(frames), volume);
+  }
+  envelope_ = 0;  // the frames after the gap fade in
+}
+
+void Playout::scale(int16_t* frame, float envelope, float volume) {
+  gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
+  const float level = envelope * gain_;
+  for (uint32_t channel = 0; channel < ring_.channels(); ++channel) {
+    frame[channel] = int16_t(std::clamp(std::lrint(float(frame[channel]) * level), -32768L, 32767L));
+  }
+}
+
+void Playout::countHeard(size_t frames, float volume) {
   if (!gainSet_) {
     gain_ = volume;
     gainSet_ = true;
   }
-  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume && volume == 1.0f) {
-    return;  // heard exactly as enqueued
-  }
-  const uint32_t channels = ring_.channels();
-  for (size_t frame = 0; frame < frames; ++frame) {
-    envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
-    gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
-    const float level = float(envelope_) / float(fadeFrames_) * gain_;
-    for (uint32_t channel = 0; channel < channels; ++channel) {
-      int16_t& sample = out[frame * channels + channel];
-      sample = int16_t(std::clamp(std::lrint(float(sample) * level), -32768L, 32767L));
-    }
-  }
-}
-
-void Playout::countHeard(size_t frames) {
-  if (!flowing_ && firstFrameNanos_.load(std::memory_order_relaxed) == 0) {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    firstFrameNanos_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
-                           std::memory_order_relaxed);
-  }
   flowing_ = true;
-  played_.fetch_add(frames, std::memory_order_relaxed);
+  played_ += frames;
 }
