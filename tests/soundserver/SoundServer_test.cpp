@@ -8,7 +8,8 @@
 // Measurements go to standard output. What is asserted is what was heard, within one period of the
 // sound output (the server's own resampling moves a sound's edges by a few milliseconds, paplay's
 // too), and time only where a busy machine cannot make it fail: no sentence ends before its audio
-// could have been heard, and the median progress report is within a period of what was heard.
+// could have been heard, and the median progress report is at most a period ahead of what was
+// heard (and not far behind it: reports take a while to reach the delegate).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -131,6 +132,7 @@ class SoundServerTest : public testing::Test {
   struct Sentence {
     Clock::time_point began;
     std::shared_ptr<StampingDelegate> delegate = std::make_shared<StampingDelegate>();
+    uint64_t underruns = 0;  // of the queue: a gap there is the player's, elsewhere the server's
     double heldFor() const { return std::chrono::duration<double>(delegate->finished() - began).count(); }
   };
 
@@ -150,6 +152,8 @@ class SoundServerTest : public testing::Test {
           << "chunk " << chunk;
     }
     EXPECT_TRUE(sentence.delegate->waitFor("PlaybackFinished"));
+    AudioQueueCounters counters;
+    if (AudioQueueGetCounters(AudioOutputNewestQueue(), &counters) == noErr) sentence.underruns = counters.underruns;
     EXPECT_EQ(sentence.delegate->count("PlayerError"), 0u);
     const double seconds = double(samples.size()) / kRate;
     EXPECT_GE(sentence.heldFor(), seconds - kPeriodSeconds) << "ended before its audio could have been heard";
@@ -176,7 +180,8 @@ TEST_F(SoundServerTest, TheMarkerSentenceIsHeardWholeAsPaplayHearsItAndProgressF
   recording.stop();
 
   const std::vector<Sound> sounds = Sounds(recording.samples());
-  ASSERT_EQ(sounds.size(), 2u) << "paplay's sentence, then the player's, each unbroken";
+  ASSERT_EQ(sounds.size(), 2u) << "paplay's sentence, then the player's, each unbroken; the queue ran dry "
+                               << sentence.underruns << " times";
   const auto [paplayHead, paplayTail] = HeadAndTail(recording.samples(), sounds[0]);
   const auto [head, tail] = HeadAndTail(recording.samples(), sounds[1]);
   std::printf("marker heard: paplay head %.1f ms tail %.1f ms length %.1f ms; player head %.1f ms tail %.1f ms "
@@ -195,10 +200,13 @@ TEST_F(SoundServerTest, TheMarkerSentenceIsHeardWholeAsPaplayHearsItAndProgressF
     if (heard > 0 && position < 2.0) errors.push_back(position - heard);
   }
   ASSERT_GE(errors.size(), 10u);
-  std::sort(errors.begin(), errors.end(), [](double a, double b) { return std::abs(a) < std::abs(b); });
-  std::printf("progress against the heard position over %zu reports: median %.1f ms, worst %.1f ms\n",
-              errors.size(), errors[errors.size() / 2] * 1e3, errors.back() * 1e3);
-  EXPECT_LE(std::abs(errors[errors.size() / 2]), kPeriodSeconds);
+  std::sort(errors.begin(), errors.end());
+  const double median = errors[errors.size() / 2];
+  std::printf("progress against the heard position over %zu reports: median %.1f ms, from %.1f to %.1f ms\n",
+              errors.size(), median * 1e3, errors.front() * 1e3, errors.back() * 1e3);
+  // Ahead of the listener breaks the contract; behind is mostly the report's way to the delegate.
+  EXPECT_LE(median, kPeriodSeconds);
+  EXPECT_GE(median, -3 * kPeriodSeconds);
 }
 
 TEST_F(SoundServerTest, TwentySentencesInARowEachPlayWholeAndEnd) {
@@ -208,12 +216,16 @@ TEST_F(SoundServerTest, TwentySentencesInARowEachPlayWholeAndEnd) {
   ASSERT_TRUE(recording.waitUntilRecording()) << "parec records nothing";
   auto player = NewPlayer();
   double longest = 0;
+  uint64_t underruns = 0;
   for (int i = 0; i < kSentences; ++i) {
-    longest = std::max(longest, Play(*player, sentence).heldFor());
+    const Sentence played = Play(*player, sentence);
+    longest = std::max(longest, played.heldFor());
+    underruns += played.underruns;
   }
   recording.stop();
   const std::vector<Sound> sounds = Sounds(recording.samples());
-  ASSERT_EQ(sounds.size(), size_t(kSentences)) << "each sentence one unbroken sound";
+  ASSERT_EQ(sounds.size(), size_t(kSentences)) << "each sentence one unbroken sound; the queues ran dry "
+                                               << underruns << " times";
   for (const Sound& sound : sounds) {
     EXPECT_NEAR(sound.seconds(), 0.5, kPeriodSeconds);
   }
