@@ -60,7 +60,9 @@ class OutputQueue {
   OSStatus start();
   OSStatus pause();
   OSStatus stop(bool immediate);
-  // Silences and stops the sound output and returns; the callback thread winds down on its own.
+  // Silences and stops the sound output of a queue that plays, and returns; the callback thread
+  // winds down on its own. A queue that no longer plays keeps its sound output until it is
+  // released, so that the output plays out what it still holds of a finished drain.
   void dispose();
   OSStatus currentTime(AudioTimeStamp* outTime);
   OSStatus isRunning(uint32_t* outRunning);
