@@ -9,8 +9,10 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -83,20 +85,30 @@ class SoundServer {
     setenv("PULSE_RUNTIME_PATH", (dir_ + "/runtime").c_str(), 1);
     setenv("PULSE_STATE_PATH", (dir_ + "/state").c_str(), 1);
     setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
-    // Daemonised, pulseaudio returns once it is ready to serve, or has failed.
+    // Daemonised, pulseaudio returns once it is ready to serve, or has failed. Should this process
+    // die before it ends the daemon, the daemon ends itself once no client has been left for 20 s.
     started_ = RunToEnd({"pulseaudio", "--daemonize=yes", "--system=false", "-n", "-F", dir_ + "/server.pa",
-                    "--exit-idle-time=-1", "--disallow-exit", "--use-pid-file=yes", "--disable-shm=yes",
-                    "--log-target=file:" + dir_ + "/daemon.log"});
+                         "--exit-idle-time=20", "--disallow-exit", "--use-pid-file=yes", "--disable-shm=yes",
+                         "--log-target=file:" + dir_ + "/daemon.log"});
+    std::ifstream(dir_ + "/runtime/pid") >> daemon_;
+    started_ = started_ && daemon_ > 0;
     if (!started_) {
       failure_ = "the PulseAudio daemon did not start (is pulseaudio installed? its log: " + dir_ + "/daemon.log)";
     }
   }
 
+  // Ends the daemon, waits until it has (it writes into the folder as it goes), removes the folder.
   ~SoundServer() {
-    if (started_) {
-      RunToEnd({"pulseaudio", "--kill"});  // the daemon of PULSE_RUNTIME_PATH: ours
+    if (daemon_ > 0) {
+      const int exited = int(syscall(SYS_pidfd_open, daemon_, 0));
+      kill(daemon_, SIGTERM);
+      if (exited >= 0) {
+        pollfd wait{exited, POLLIN, 0};
+        poll(&wait, 1, 30000);
+        close(exited);
+      }
     }
-    if (!dir_.empty() && started_) {
+    if (!dir_.empty()) {
       std::error_code ignored;
       std::filesystem::remove_all(dir_, ignored);
     }
@@ -110,6 +122,7 @@ class SoundServer {
 
  private:
   std::string dir_;
+  pid_t daemon_ = -1;
   bool started_ = false;
   std::string failure_;
 };
