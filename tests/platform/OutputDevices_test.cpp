@@ -4,7 +4,7 @@
 //   count, one file per queue with a counter in the name; the clocks run at the chosen speed.
 // - "default" falls back to the null output, with one line on standard error, on a machine without
 //   a sound output (skipped where there is one). The null output itself runs the other tests.
-// Not here: a real sound card (none on the build machines).
+// Not here: a real sound output (SoundServer_test.cpp).
 #include <unistd.h>
 
 #include <fstream>
@@ -55,6 +55,7 @@ TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
     const char* output;
     double speed;
     OSStatus expected;
+    double latency = 0;
   };
   const std::vector<Case> cases = {
       {"default", 1, noErr},          {"null", 1, noErr},           {"null", 250, noErr},
@@ -67,9 +68,14 @@ TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
       {"null", 0, kAudioQueueErr_InvalidParameter},      {"null", -1, kAudioQueueErr_InvalidParameter},
       {"null", std::numeric_limits<double>::infinity(), kAudioQueueErr_InvalidParameter},
       {"null", std::numeric_limits<double>::quiet_NaN(), kAudioQueueErr_InvalidParameter},
+      {"manual", 1, noErr, 0.05},     {"wav:/tmp/x.wav", 4, noErr, 2},
+      {"default", 1, kAudioQueueErr_InvalidParameter, 0.05}, {"null", 1, kAudioQueueErr_InvalidParameter, -0.01},
+      {"null", 1, kAudioQueueErr_InvalidParameter, 2.01},
+      {"null", 1, kAudioQueueErr_InvalidParameter, std::numeric_limits<double>::quiet_NaN()},
   };
   for (const Case& test : cases) {
-    EXPECT_EQ(AudioOutputSelect(test.output, test.speed), test.expected) << '"' << test.output << "\" at " << test.speed;
+    EXPECT_EQ(AudioOutputSelect(test.output, test.speed, test.latency), test.expected)
+        << '"' << test.output << "\" at " << test.speed << " with latency " << test.latency;
   }
 }
 

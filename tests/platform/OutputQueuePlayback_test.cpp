@@ -1,6 +1,7 @@
 // Plan: what the sound output hears from a queue, and when buffers come back, on the manual clock,
 // which makes every step deterministic (AudioOutputManualAdvance waits for the queue's thread).
-// - Buffers come back in order, each only once its last frame was heard; mSampleTime follows.
+// - Buffers come back in order, each only once its last frame was heard; mSampleTime follows; an
+//   output's latency delays both, and a drain's end, but not what is heard.
 // - Stop after the queued audio (buffers enqueued during the drain join it) and stop at once; pause holds the position, start continues; the
 //   fades that keep pauses and stops from clicking.
 // - PCM is one byte stream across buffers of any length; the volume scales samples; an underrun is
@@ -64,6 +65,30 @@ TEST(OutputQueuePlayback, BuffersComeBackInOrderOnlyOnceTheirLastFrameIsHeard) {
   }
   EXPECT_EQ(heard, Concat(first, second, third));
   EXPECT_EQ(queue.isRunning(), 1u);
+}
+
+// An output that holds its audio a while before the listener hears it: buffers come back, time
+// moves and the drain ends that much later; what is heard does not change.
+TEST(OutputQueuePlayback, AnOutputsLatencyDelaysReturnsTimeAndTheDrainsEndButNotTheSound) {
+  constexpr uint32_t kPeriod = 160, kLatency = 320;  // 10 and 20 ms
+  TestQueue queue(PcmFormat(kRate), "manual", 1.0, kLatency / kRate);
+  const std::vector<int16_t> first = Ramp(300, 1), second = Ramp(500, 1000);
+  AudioQueueBufferRef a = queue.enqueue(first), b = queue.enqueue(second);
+  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
+  ASSERT_EQ(AudioQueueStop(queue.handle(), false), noErr);
+  std::vector<int16_t> heard;
+  for (uint32_t taken = kPeriod; taken <= 800 + kLatency + kPeriod; taken += kPeriod) {
+    const std::vector<int16_t> part = queue.advance(kPeriod);
+    heard.insert(heard.end(), part.begin(), part.end());
+    queue.advance(0);
+    const uint32_t listened = std::min(taken - std::min(taken, kLatency), 800u);
+    std::vector<Callback> expected = {RunningIs(1)};
+    if (listened >= 300) expected.push_back(Returned(a));
+    if (listened == 800) expected.insert(expected.end(), {Returned(b), RunningIs(0)});
+    EXPECT_EQ(queue.log().callbacks(), expected) << "after " << taken << " frames";
+    EXPECT_EQ(queue.sampleTime(), listened) << "after " << taken << " frames";
+  }
+  EXPECT_EQ(heard, Concat(first, second));
 }
 
 // A buffer enqueued during a drain joins it, wherever the drain is, until the output has played up

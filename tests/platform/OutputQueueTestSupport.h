@@ -105,8 +105,8 @@ class CallbackLog {
 class TestQueue {
  public:
   explicit TestQueue(const AudioStreamBasicDescription& format, const std::string& output = "manual",
-                     double speed = 1.0) {
-    EXPECT_EQ(AudioOutputSelect(output, speed), noErr);
+                     double speed = 1.0, double latencySeconds = 0.0) {
+    EXPECT_EQ(AudioOutputSelect(output, speed, latencySeconds), noErr);
     EXPECT_EQ(AudioQueueNewOutput(&format, &CallbackLog::BufferDone, &log_, nullptr, nullptr, 0, &queue_), noErr);
     EXPECT_EQ(AudioQueueAddPropertyListener(queue_, kAudioQueueProperty_IsRunning, &CallbackLog::RunningChanged, &log_),
               noErr);

@@ -18,8 +18,9 @@ struct AudioQueueBuffer {
   uint32_t mAudioDataByteSize;
 };
 
-// Called when the queue has finished with a buffer: for a played buffer, once the sound output has
-// consumed its last frame. Runs on the queue's callback thread.
+// Called when the queue has finished with a buffer: for a played buffer, once its last frame has
+// been heard (the sound output's latency after the output took it). Runs on the queue's callback
+// thread.
 typedef void (*AudioQueueOutputCallback)(void* inUserData, AudioQueueRef inAQ, AudioQueueBufferRef inBuffer);
 // Called on the queue's callback thread when a listened property (the running state) changes.
 typedef void (*AudioQueuePropertyListenerProc)(void* inUserData, AudioQueueRef inAQ, AudioQueuePropertyID inID);
@@ -56,21 +57,22 @@ OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp* inStartTime);
 // fading in. The running state does not change. Does nothing to a queue that is not running.
 OSStatus AudioQueuePause(AudioQueueRef inAQ);
 
-// inImmediate false: stops once everything enqueued so far has been played; buffers enqueued later
+// inImmediate false: stops once everything enqueued so far has been heard; buffers enqueued later
 // wait for the next start. Does nothing to a queue that is not running.
 // inImmediate true: stops at once (a 5 ms fade); buffers not played come back through the output
 // callback, in order, before the running-state listener is told.
 // The running-state listener is told when the queue has stopped.
 OSStatus AudioQueueStop(AudioQueueRef inAQ, bool inImmediate);
 
-// Stops the sound at once and releases the queue and its buffers, whatever inImmediate. Never waits
+// Stops the sound at once and releases the queue and its buffers, whatever inImmediate; what the
+// sound output still holds of a finished drain plays out. Never waits
 // for a callback in progress (a callback may be waiting for a lock that the caller holds): that one
 // may still run after the return, but no new callback of this queue starts. Buffers still enqueued
 // do not come back. Works from the queue's own callback thread.
 OSStatus AudioQueueDispose(AudioQueueRef inAQ, bool inImmediate);
 
-// mSampleTime: frames of enqueued audio that the sound output has played since the queue was first
-// started, at the stream's own rate. Fails with kAudioQueueErr_NotStarted before the first start.
+// mSampleTime: frames of enqueued audio heard since the queue was first started (what the sound
+// output reports having played, after its latency), at the stream's own rate. Fails with kAudioQueueErr_NotStarted before the first start.
 // inTimeline and outTimelineDiscontinuity must be null.
 OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void* inTimeline, AudioTimeStamp* outTimeStamp,
                                   bool* outTimelineDiscontinuity);

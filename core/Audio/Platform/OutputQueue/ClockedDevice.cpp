@@ -14,11 +14,13 @@ constexpr uint32_t kPeriodsPerSecond = 100;
 constexpr std::chrono::milliseconds kGiveUpLag{200};
 }  // namespace
 
-ClockedDevice::ClockedDevice(uint32_t sampleRate, uint32_t channels, double speed, Sink sink)
+ClockedDevice::ClockedDevice(uint32_t sampleRate, uint32_t channels, double speed, uint32_t latencyFrames,
+                             Sink sink)
     : sampleRate_(sampleRate),
       channels_(channels),
       speed_(speed),
       periodFrames_(uint32_t(std::clamp(std::lround(sampleRate * speed / kPeriodsPerSecond), 1L, long(sampleRate)))),
+      latencyFrames_(latencyFrames),
       sink_(std::move(sink)) {}
 
 ClockedDevice::~ClockedDevice() { stop(); }
@@ -58,7 +60,7 @@ void ClockedDevice::run(RenderSource& source) {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {
     lock.unlock();
-    const size_t heard = source.render(buffer.data(), periodFrames_);
+    const size_t heard = source.render(buffer.data(), periodFrames_, latencyFrames_);
     if (heard > 0 && sink_) {
       sink_(buffer.data(), heard);
     }

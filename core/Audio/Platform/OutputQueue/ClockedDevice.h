@@ -22,7 +22,9 @@ class ClockedDevice final : public OutputDevice {
   // Called on the clock thread with the frames heard in one period.
   using Sink = std::function<void(const int16_t* samples, size_t frames)>;
 
-  ClockedDevice(uint32_t sampleRate, uint32_t channels, double speed, Sink sink);
+  // `latencyFrames`: how long the output claims to hold the frames it has taken before they are
+  // heard (tests of time as heard); the sink still gets them at once.
+  ClockedDevice(uint32_t sampleRate, uint32_t channels, double speed, uint32_t latencyFrames, Sink sink);
   ~ClockedDevice() override;
 
   uint32_t sampleRate() const override { return sampleRate_; }
@@ -38,6 +40,7 @@ class ClockedDevice final : public OutputDevice {
   const uint32_t channels_;
   const double speed_;
   const uint32_t periodFrames_;
+  const uint32_t latencyFrames_;
   const Sink sink_;
   std::thread thread_;
   std::mutex mutex_;

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-ManualDevice::ManualDevice(uint32_t sampleRate, uint32_t channels) : sampleRate_(sampleRate), channels_(channels) {}
+ManualDevice::ManualDevice(uint32_t sampleRate, uint32_t channels, uint32_t latencyFrames)
+    : sampleRate_(sampleRate), channels_(channels), latencyFrames_(latencyFrames) {}
 
 OSStatus ManualDevice::start(RenderSource& source) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -23,7 +24,7 @@ void ManualDevice::pull(uint32_t frames, std::vector<int16_t>* heard) {
     return;
   }
   buffer_.resize(size_t(frames) * channels_);
-  const size_t audible = source_->render(buffer_.data(), frames);
+  const size_t audible = source_->render(buffer_.data(), frames, latencyFrames_);
   if (heard != nullptr) {
     heard->insert(heard->end(), buffer_.begin(), buffer_.begin() + long(audible * channels_));
   }

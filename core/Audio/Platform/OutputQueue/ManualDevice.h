@@ -11,7 +11,8 @@
 
 class ManualDevice final : public OutputDevice {
  public:
-  ManualDevice(uint32_t sampleRate, uint32_t channels);
+  // `latencyFrames`: as ClockedDevice's.
+  ManualDevice(uint32_t sampleRate, uint32_t channels, uint32_t latencyFrames);
 
   uint32_t sampleRate() const override { return sampleRate_; }
   // 10 ms.
@@ -26,6 +27,7 @@ class ManualDevice final : public OutputDevice {
  private:
   const uint32_t sampleRate_;
   const uint32_t channels_;
+  const uint32_t latencyFrames_;
   std::mutex mutex_;
   // --- guarded by mutex_ ---
   RenderSource* source_ = nullptr;

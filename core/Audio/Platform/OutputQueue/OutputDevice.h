@@ -18,7 +18,9 @@ class RenderSource {
   // Fills `frames` interleaved frames of out. The first frames, as many as the result says, are
   // what a listener hears (the queue's audio, and silence where it ran dry mid-stream); the rest is
   // idle silence (before the first frame, while paused or stopped), which a recording leaves out.
-  virtual size_t render(int16_t* out, size_t frames) noexcept = 0;
+  // `latencyFrames` says how many frames the output still holds before the listener hears the
+  // last of these: 0 when what render() returns is heard at once (a clock without latency).
+  virtual size_t render(int16_t* out, size_t frames, uint64_t latencyFrames) noexcept = 0;
   // The device has stopped for good on its own (unplugged, its server gone) and calls render() no
   // more. Any thread; real-time safe.
   virtual void lost() noexcept = 0;

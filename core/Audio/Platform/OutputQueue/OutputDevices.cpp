@@ -16,12 +16,16 @@
 #include "Diagnostics/qen_log.h"
 
 namespace {
+// Two seconds: as much as a queue keeps track of (Playout).
+constexpr double kMaxModelledLatency = 2.0;
+
 struct Selection {
   enum class Kind { Default, Null, Wav, Manual } kind = Kind::Default;
   std::string wavPath;
   std::string deviceName;  // Default: a PortAudio output by name; empty: PortAudio's default output
   uint32_t manualRate = 0;  // 0: whatever the stream's
   double speed = 1.0;
+  double latencySeconds = 0.0;
   unsigned wavFilesOpened = 0;
 };
 
@@ -35,12 +39,13 @@ Selection& selection() {
   return *current;
 }
 
-bool parse(const std::string& output, double speed, Selection* out) {
+bool parse(const std::string& output, double speed, double latencySeconds, Selection* out) {
   const auto startsWith = [&](const char* prefix) { return output.rfind(prefix, 0) == 0; };
-  if (!std::isfinite(speed) || speed <= 0.0) {
+  if (!std::isfinite(speed) || speed <= 0.0 || !(latencySeconds >= 0.0 && latencySeconds <= kMaxModelledLatency)) {
     return false;
   }
   out->speed = speed;
+  out->latencySeconds = latencySeconds;
   if (output == "null") {
     out->kind = Selection::Kind::Null;
     return true;
@@ -55,7 +60,7 @@ bool parse(const std::string& output, double speed, Selection* out) {
   }
   if (output == "default") {
     out->kind = Selection::Kind::Default;
-    return true;
+    return latencySeconds == 0.0;
   }
   if (startsWith("device:")) {
     out->kind = Selection::Kind::Default;
@@ -91,9 +96,9 @@ std::string wavPathFor(const std::string& path, unsigned index) {
 }
 }  // namespace
 
-OSStatus AudioOutputSelect(const std::string& output, double speed) {
+OSStatus AudioOutputSelect(const std::string& output, double speed, double latencySeconds) {
   Selection parsed;
-  if (!parse(output, speed, &parsed)) {
+  if (!parse(output, speed, latencySeconds, &parsed)) {
     return kAudioQueueErr_InvalidParameter;
   }
   std::lock_guard<std::mutex> lock(selectionMutex());
@@ -104,6 +109,7 @@ OSStatus AudioOutputSelect(const std::string& output, double speed) {
 std::unique_ptr<OutputDevice> OpenOutputDevice(uint32_t sampleRate, uint32_t channels, OSStatus* status) {
   std::unique_lock<std::mutex> lock(selectionMutex());
   Selection& chosen = selection();
+  const auto latencyFrames = uint32_t(std::lround(chosen.latencySeconds * sampleRate));
   *status = noErr;
   switch (chosen.kind) {
     case Selection::Kind::Default:
@@ -114,9 +120,9 @@ std::unique_ptr<OutputDevice> OpenOutputDevice(uint32_t sampleRate, uint32_t cha
         static std::once_flag told;
         std::call_once(told, [] { LOG_ERROR("no sound output on this machine: audio goes to the null output"); });
       }
-      return std::make_unique<ClockedDevice>(sampleRate, channels, 1.0, nullptr);
+      return std::make_unique<ClockedDevice>(sampleRate, channels, 1.0, 0, nullptr);
     case Selection::Kind::Null:
-      return std::make_unique<ClockedDevice>(sampleRate, channels, chosen.speed, nullptr);
+      return std::make_unique<ClockedDevice>(sampleRate, channels, chosen.speed, latencyFrames, nullptr);
     case Selection::Kind::Wav: {
       const std::string path = wavPathFor(chosen.wavPath, ++chosen.wavFilesOpened);
       const double speed = chosen.speed;
@@ -126,11 +132,13 @@ std::unique_ptr<OutputDevice> OpenOutputDevice(uint32_t sampleRate, uint32_t cha
         return nullptr;
       }
       return std::make_unique<ClockedDevice>(
-          sampleRate, channels, speed,
+          sampleRate, channels, speed, latencyFrames,
           [writer](const int16_t* samples, size_t frames) { writer->append(samples, frames); });
     }
-    case Selection::Kind::Manual:
-      return std::make_unique<ManualDevice>(chosen.manualRate != 0 ? chosen.manualRate : sampleRate, channels);
+    case Selection::Kind::Manual: {
+      const uint32_t rate = chosen.manualRate != 0 ? chosen.manualRate : sampleRate;
+      return std::make_unique<ManualDevice>(rate, channels, uint32_t(std::lround(chosen.latencySeconds * rate)));
+    }
   }
   *status = kAudioQueueErr_DeviceFailed;
   return nullptr;

@@ -30,9 +30,13 @@
 //                  converts, as it does for a real output that does not take the stream's rate.
 // `speed` runs the "null" and "wav" clocks that many times faster than real time (benchmarks): a
 // period then holds `speed` times as many frames (up to a second of audio), so a faster clock
-// wakes no more often. It must be 1 for the others. Returns kAudioQueueErr_InvalidParameter for anything else, and then
-// changes nothing. Before any call the selection is "default".
-AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputSelect(const std::string& output, double speed = 1.0);
+// wakes no more often. It must be 1 for the others. `latencySeconds` (0 to 2) makes "null", "wav"
+// and "manual" behave as a sound output that holds its audio that long before it is heard: the
+// queue's time, its buffers' return and a drain's end come that much later; the recording does
+// not change. It must be 0 for "default", whose latency is the machine's. Returns
+// kAudioQueueErr_InvalidParameter for anything else, and then changes nothing. Before any call the
+// selection is "default".
+AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputSelect(const std::string& output, double speed = 1.0, double latencySeconds = 0.0);
 
 // Whether the machine has a sound output for "default". The first call sets PortAudio up, once per
 // process; it prints nothing.

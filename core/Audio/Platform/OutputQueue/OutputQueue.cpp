@@ -257,7 +257,9 @@ void OutputQueue::dispose() {
   std::lock_guard<std::mutex> lock(mutex_);
   disposed_ = true;
   publishControl();
-  if (deviceStarted_) {
+  // Audio that still plays is cut now. Otherwise the sound output may still hold the end of a
+  // finished drain; it plays out when the queue is released.
+  if (deviceStarted_ && running_) {
     device_->stop();  // the sound output never waits for this queue's locks or callbacks
   }
   settled_.notify_all();

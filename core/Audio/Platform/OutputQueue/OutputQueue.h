@@ -13,6 +13,9 @@
 // lost; only once the sound output has played up to the drain's end (the queue ran dry) does it
 // wait for the next start.
 //
+// Time is as heard: a buffer comes back, the sample time moves and a drain ends once the sound
+// output reports the frames heard, its latency after it took them from the ring.
+//
 // Synchronisation. Everything under "guarded by mutex_" is changed by the API calls (any thread)
 // and by the callback thread, always under mutex_; no callback and no rendering runs under it.
 // The callback thread alone renders (outside mutex_) into the ring. It reads a buffer's bytes only
@@ -57,7 +60,9 @@ class OutputQueue {
   OSStatus start();
   OSStatus pause();
   OSStatus stop(bool immediate);
-  // Silences and stops the sound output and returns; the callback thread winds down on its own.
+  // Silences and stops the sound output of a queue that plays, and returns; the callback thread
+  // winds down on its own. A queue that no longer plays keeps its sound output until it is
+  // released, so that the output plays out what it still holds of a finished drain.
   void dispose();
   OSStatus currentTime(AudioTimeStamp* outTime);
   OSStatus isRunning(uint32_t* outRunning);
@@ -112,7 +117,13 @@ class OutputQueue {
   void collectPlayedEntries(uint64_t readPosition);
   void finishDrain();
   void advanceRenderCursor();
-  uint64_t wakeThreshold() const;
+  // Where the sound output is to wake the thread: a read position that makes room in the ring, a
+  // heard position that ends an entry.
+  struct WakeThresholds {
+    uint64_t read = Playout::kNoEnd;
+    uint64_t heard = Playout::kNoEnd;
+  };
+  WakeThresholds wakeThresholds() const;
   // Without mutex_.
   bool renderStep();
   void deliver(const Event& event);

@@ -33,7 +33,7 @@ void OutputQueue::runCallbackThread() {
         stopNow();
       }
       applyImmediateStop();
-      collectPlayedEntries(ring_.readPosition());
+      collectPlayedEntries(playout_.heardReadPosition());
       if (!events_.empty()) {
         event = events_.front();
         events_.pop_front();
@@ -51,7 +51,7 @@ void OutputQueue::runCallbackThread() {
     if (renderStep() || haveEvent) {
       continue;
     }
-    uint64_t threshold = 0;
+    WakeThresholds threshold;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (disposed_) {
@@ -63,11 +63,11 @@ void OutputQueue::runCallbackThread() {
       threadWantsEntries_ = rendering_ == Rendering::Nothing;
       settledTicket_ = ticket;
       settled_.notify_all();
-      threshold = wakeThreshold();
-      playout_.wakeWhenReadReaches(threshold);
+      threshold = wakeThresholds();
+      playout_.wakeWhenReached(threshold.read, threshold.heard);
     }
-    // The sound output may have passed the threshold before it was set; then it will not wake us.
-    if (ring_.readPosition() < threshold) {
+    // The sound output may have passed a threshold before it was set; then it will not wake us.
+    if (ring_.readPosition() < threshold.read && playout_.heardReadPosition() < threshold.heard) {
       wakeup_.waitPast(seen);
     }
   }
@@ -133,15 +133,15 @@ void OutputQueue::advanceRenderCursor() {
   }
 }
 
-uint64_t OutputQueue::wakeThreshold() const {
-  uint64_t threshold = Playout::kNoEnd;
+OutputQueue::WakeThresholds OutputQueue::wakeThresholds() const {
+  WakeThresholds threshold;
   if (rendered_ > 0) {
-    threshold = entries_.front().end;  // the next entry to be played out
+    threshold.heard = entries_.front().end;  // the next entry to be heard in full
   }
   const size_t staged = renderer_.stagedFrames();
   if (staged > 0) {  // waiting for room in the ring; wait for a good part of it
     const size_t wanted = std::min(staged, ring_.capacity() / 4);
-    threshold = std::min(threshold, ring_.writePosition() + wanted - ring_.capacity());
+    threshold.read = ring_.writePosition() + wanted - ring_.capacity();
   }
   return threshold;
 }

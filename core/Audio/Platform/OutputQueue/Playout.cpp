@@ -27,7 +27,7 @@ bool Playout::takeBackEnd(uint64_t position) {
   return endAt_.compare_exchange_strong(position, kNoEnd, std::memory_order_acq_rel);
 }
 
-size_t Playout::render(int16_t* out, size_t frames) noexcept {
+size_t Playout::render(int16_t* out, size_t frames, uint64_t latencyFrames) noexcept {
   // A consistent view of the control side. It stores a discard before it lets a run play, bumps
   // discards_ after storing the position, stores an end before it writes the frames after it, and
   // writes a new run's frames only after all that; hence this load order. The control word is read
@@ -125,11 +125,41 @@ size_t Playout::render(int16_t* out, size_t frames) noexcept {
   }
 
   std::memset(out + done * ring_.channels(), 0, (frames - done) * ring_.channels() * sizeof(int16_t));
+  const uint64_t heardBefore = heardRead_.load(std::memory_order_relaxed);
+  publishHeard(frames, latencyFrames);
   const uint64_t readAfter = ring_.readPosition();
-  if (readAfter != readBefore && readAfter >= wakeAt_.load(std::memory_order_seq_cst)) {
+  const uint64_t heardAfter = heardRead_.load(std::memory_order_relaxed);
+  if ((readAfter != readBefore && readAfter >= wakeAtRead_.load(std::memory_order_seq_cst)) ||
+      (heardAfter != heardBefore && heardAfter >= wakeAtHeard_.load(std::memory_order_seq_cst))) {
     wakeup_.notify();
   }
   return heard;
+}
+
+void Playout::publishHeard(size_t frames, uint64_t latencyFrames) {
+  outputFrames_ += frames;
+  newestMark_ = (newestMark_ + 1) % marks_.size();
+  marks_[newestMark_] = Mark{outputFrames_, ring_.readPosition(), played_};
+  marksKept_ = std::min(marksKept_ + 1, marks_.size());
+  const uint64_t heardUpTo = outputFrames_ - std::min(latencyFrames, outputFrames_);
+  const Mark* heard = nullptr;
+  for (size_t age = 0; age < marksKept_; ++age) {
+    const Mark& mark = marks_[(newestMark_ + marks_.size() - age) % marks_.size()];
+    if (mark.outputFrames <= heardUpTo || age + 1 == marks_.size()) {
+      heard = &mark;
+      break;
+    }
+  }
+  if (heard == nullptr) {
+    return;  // the first calls' frames are still on their way
+  }
+  if (heard->played > 0 && firstFrameNanos_.load(std::memory_order_relaxed) == 0) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    firstFrameNanos_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
+                           std::memory_order_relaxed);
+  }
+  heardPlayed_.store(heard->played, std::memory_order_relaxed);
+  heardRead_.store(heard->read, std::memory_order_seq_cst);
 }
 
 void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
@@ -158,11 +188,6 @@ void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
 }
 
 void Playout::countHeard(size_t frames) {
-  if (!flowing_ && firstFrameNanos_.load(std::memory_order_relaxed) == 0) {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    firstFrameNanos_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
-                           std::memory_order_relaxed);
-  }
   flowing_ = true;
-  played_.fetch_add(frames, std::memory_order_relaxed);
+  played_ += frames;
 }

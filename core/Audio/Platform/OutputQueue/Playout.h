@@ -17,8 +17,14 @@
 //   that end position until it starts the next run, or takes it back before it is reached.
 // Frames below the discard position (what an immediate stop threw away) are skipped unheard,
 // except those the stop's fade-out plays.
+//
+// Time as heard: a sound output holds frames for a while after render() returns (its latency).
+// render() keeps, for its recent calls, where the ring and the played count stood after each, and
+// publishes the last of those points the listener has heard by now: the "heard" read position and
+// played count lag what render() took by the output's latency, rounded down to a whole call.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <limits>
@@ -46,11 +52,15 @@ class Playout final : public RenderSource {
   bool takeBackEnd(uint64_t position);
   // Any thread: the linear gain, 0 to 1.
   void setVolume(float volume) { volume_.store(volume, std::memory_order_relaxed); }
-  // Queue's thread: bump the Wakeup once the read position reaches `position`.
-  void wakeWhenReadReaches(uint64_t position) { wakeAt_.store(position, std::memory_order_seq_cst); }
+  // Queue's thread: bump the Wakeup once the read position reaches `read` or the heard read
+  // position reaches `heard`.
+  void wakeWhenReached(uint64_t read, uint64_t heard) {
+    wakeAtRead_.store(read, std::memory_order_seq_cst);
+    wakeAtHeard_.store(heard, std::memory_order_seq_cst);
+  }
 
   // Device thread; real-time safe.
-  size_t render(int16_t* out, size_t frames) noexcept override;
+  size_t render(int16_t* out, size_t frames, uint64_t latencyFrames) noexcept override;
   // Any thread; real-time safe. Wakes the queue's thread, which then stops the queue for good.
   void lost() noexcept override {
     lost_.store(true, std::memory_order_release);
@@ -58,11 +68,14 @@ class Playout final : public RenderSource {
   }
   bool isLost() const { return lost_.load(std::memory_order_acquire); }
 
-  // Any thread: counters in frames of the ring (the sound output's rate).
-  uint64_t playedFrames() const { return played_.load(std::memory_order_relaxed); }
+  // Any thread: the ring position up to which the listener has heard.
+  uint64_t heardReadPosition() const { return heardRead_.load(std::memory_order_seq_cst); }
+  // Any thread: counters in frames of the ring (the sound output's rate). Played frames are those
+  // heard; the others count when render() takes them.
+  uint64_t playedFrames() const { return heardPlayed_.load(std::memory_order_relaxed); }
   uint64_t underruns() const { return underruns_.load(std::memory_order_relaxed); }
   uint64_t silentFrames() const { return silent_.load(std::memory_order_relaxed); }
-  // Any thread: steady-clock time of the first frame ever heard, 0 before it.
+  // Any thread: steady-clock time of the first frame ever heard (as render() learns it), 0 before it.
   int64_t firstFrameNanos() const { return firstFrameNanos_.load(std::memory_order_relaxed); }
 
  private:
@@ -70,6 +83,9 @@ class Playout final : public RenderSource {
   // fade envelope one frame towards full (fadeIn) or silent, and the gain towards `volume`.
   void play(int16_t* out, size_t frames, bool fadeIn, float volume);
   void countHeard(size_t frames);
+  // Device thread, at the end of a call: records where this call left the ring and publishes
+  // what the listener has heard, `latencyFrames` after it.
+  void publishHeard(size_t frames, uint64_t latencyFrames);
 
   PcmRing& ring_;
   Wakeup& wakeup_;
@@ -85,11 +101,13 @@ class Playout final : public RenderSource {
   std::atomic<uint64_t> endAt_{kNoEnd};
   static constexpr uint64_t kEndReached = uint64_t(1) << 63;
   std::atomic<float> volume_{1.0f};
-  std::atomic<uint64_t> wakeAt_{kNoEnd};
+  std::atomic<uint64_t> wakeAtRead_{kNoEnd};
+  std::atomic<uint64_t> wakeAtHeard_{kNoEnd};
   std::atomic<bool> lost_{false};
 
   // --- published by render() ---
-  std::atomic<uint64_t> played_{0};
+  std::atomic<uint64_t> heardRead_{0};
+  std::atomic<uint64_t> heardPlayed_{0};
   std::atomic<uint64_t> underruns_{0};
   std::atomic<uint64_t> silent_{0};
   std::atomic<int64_t> firstFrameNanos_{0};
@@ -103,4 +121,16 @@ class Playout final : public RenderSource {
   uint32_t envelope_;  // frames of fade from silent: fadeFrames_ is full level
   float gain_ = 1.0f;
   bool gainSet_ = false;
+  uint64_t played_ = 0;        // frames of the queue's audio taken from the ring
+  uint64_t outputFrames_ = 0;  // every frame handed to the sound output, idle silence included
+  // Where the ring stood after each recent call, oldest overwritten first. Long enough for two
+  // seconds of latency at 10 ms calls; a longer latency is taken for as long as they reach.
+  struct Mark {
+    uint64_t outputFrames;
+    uint64_t read;
+    uint64_t played;
+  };
+  std::array<Mark, 256> marks_{};
+  size_t marksKept_ = 0;
+  size_t newestMark_ = 0;
 };

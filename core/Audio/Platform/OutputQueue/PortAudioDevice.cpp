@@ -36,6 +36,12 @@ void quietenAudioSystems() {
 }
 
 constexpr uint32_t kPeriodsPerSecond = 100;
+// The stream's latency: a speech player wants its first sound soon and its sentence's end on time,
+// yet a sound server on a busy machine needs room to be late. Hosts' "low" defaults are a few
+// milliseconds (underruns on a loaded machine), their "high" defaults a tenth of a second or more.
+constexpr PaTime kOutputLatency = 0.040;
+// A delay to the listener beyond this is taken for a host's error in its timing information.
+constexpr PaTime kMaxCredibleDelay = 2.0;
 
 class PortAudioDevice final : public OutputDevice {
  public:
@@ -46,7 +52,12 @@ class PortAudioDevice final : public OutputDevice {
         periodFrames_(std::max<uint32_t>(1, sampleRate / kPeriodsPerSecond)),
         scratch_(size_t(periodFrames_) * streamChannels) {}
 
+  // Lets the host's buffer play out: what is left in it belongs to audio the queue has finished.
   ~PortAudioDevice() override {
+    if (started_) {
+      stopping_.store(true);
+      Pa_StopStream(stream_);
+    }
     if (stream_ != nullptr) {
       Pa_CloseStream(stream_);
     }
@@ -62,6 +73,8 @@ class PortAudioDevice final : public OutputDevice {
       return kAudioQueueErr_DeviceFailed;
     }
     Pa_SetStreamFinishedCallback(stream_, &PortAudioDevice::finished);
+    const PaStreamInfo* info = Pa_GetStreamInfo(stream_);
+    streamLatency_ = info != nullptr ? info->outputLatency : latency;
     return noErr;
   }
 
@@ -93,10 +106,25 @@ class PortAudioDevice final : public OutputDevice {
 
  private:
   // PortAudio's real-time thread.
-  static int callback(const void*, void* output, unsigned long frames, const PaStreamCallbackTimeInfo*,
+  static int callback(const void*, void* output, unsigned long frames, const PaStreamCallbackTimeInfo* time,
                       PaStreamCallbackFlags, void* self) {
-    static_cast<PortAudioDevice*>(self)->fill(static_cast<int16_t*>(output), frames);
+    auto* device = static_cast<PortAudioDevice*>(self);
+    device->fill(static_cast<int16_t*>(output), frames, device->framesBeforeHeard(time));
     return paContinue;
+  }
+
+  // PortAudio's real-time thread: how many frames the host holds before this call's first frame
+  // is heard. The time of that frame at the converter, when the host reports it; the stream's
+  // latency otherwise.
+  uint64_t framesBeforeHeard(const PaStreamCallbackTimeInfo* time) const {
+    PaTime delay = streamLatency_;
+    if (time != nullptr && time->outputBufferDacTime > 0.0 && time->currentTime > 0.0) {
+      const PaTime reported = time->outputBufferDacTime - time->currentTime;
+      if (reported >= 0.0 && reported <= kMaxCredibleDelay) {
+        delay = reported;
+      }
+    }
+    return uint64_t(delay * sampleRate_ + 0.5);
   }
 
   // PortAudio's thread, once the stream has become inactive: when this device did not stop it, the
@@ -109,19 +137,20 @@ class PortAudioDevice final : public OutputDevice {
   }
 
   // PortAudio's real-time thread: renders, spreading a mono stream over both output channels.
-  void fill(int16_t* out, unsigned long frames) {
+  // Each piece's last frame is heard `ahead` frames after this call's first.
+  void fill(int16_t* out, unsigned long frames, uint64_t ahead) {
     if (outputChannels_ == streamChannels_) {
-      source_->render(out, frames);
+      source_->render(out, frames, ahead + frames);
       return;
     }
-    while (frames > 0) {
-      const size_t count = std::min<size_t>(frames, periodFrames_);
-      source_->render(scratch_.data(), count);
+    for (unsigned long done = 0; done < frames;) {
+      const size_t count = std::min<size_t>(frames - done, periodFrames_);
+      done += count;
+      source_->render(scratch_.data(), count, ahead + done);
       for (size_t i = 0; i < count; ++i) {
         out[2 * i] = out[2 * i + 1] = scratch_[i];
       }
       out += 2 * count;
-      frames -= count;
     }
   }
 
@@ -131,6 +160,7 @@ class PortAudioDevice final : public OutputDevice {
   const uint32_t periodFrames_;
   std::vector<int16_t> scratch_;
   PaStream* stream_ = nullptr;
+  PaTime streamLatency_ = 0.0;
   RenderSource* source_ = nullptr;
   bool started_ = false;
   std::atomic<bool> stopping_{false};
@@ -157,12 +187,13 @@ std::unique_ptr<OutputDevice> OpenPortAudioDevice(uint32_t sampleRate, uint32_t 
   // output's own rate, which the queue converts to.
   for (const uint32_t rate : {sampleRate, uint32_t(info->defaultSampleRate)}) {
     for (const uint32_t outputChannels : {channels, 2u}) {
-      const PaStreamParameters output{device, int(outputChannels), paInt16, info->defaultLowOutputLatency, nullptr};
+      const PaTime latency = std::max(kOutputLatency, info->defaultLowOutputLatency);
+      const PaStreamParameters output{device, int(outputChannels), paInt16, latency, nullptr};
       if (outputChannels < channels || Pa_IsFormatSupported(nullptr, &output, rate) != paFormatIsSupported) {
         continue;
       }
       auto opened = std::make_unique<PortAudioDevice>(rate, channels, outputChannels);
-      *status = opened->open(device, info->defaultLowOutputLatency);
+      *status = opened->open(device, latency);
       return *status == noErr ? std::move(opened) : nullptr;
     }
   }
