@@ -65,7 +65,7 @@ bool parse(const std::string& output, double speed, double latencySeconds, Selec
   if (startsWith("device:")) {
     out->kind = Selection::Kind::Default;
     out->deviceName = output.substr(7);
-    return PortAudioOutputIndex(out->deviceName) != paNoDevice;
+    return latencySeconds == 0.0 && PortAudioOutputIndex(out->deviceName) != paNoDevice;
   }
   if (output == "manual") {
     out->kind = Selection::Kind::Manual;
