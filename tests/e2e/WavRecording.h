@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <span>
@@ -54,15 +55,31 @@ inline std::vector<int16_t> Samples(const std::vector<uint8_t>& bytes) {
 }
 
 // Whether `heard` is `fed` sample for sample (each within `tolerance`) with nothing added but
-// silence.
+// silence, where the queue ran dry. Next to such a gap the queue fades out and back in: there a fed
+// sample may be heard quieter, with its sign kept.
 inline bool FedWithOnlySilenceAdded(std::span<const int16_t> fed, std::span<const int16_t> heard, int tolerance = 0) {
-  size_t next = 0;  // of fed
-  for (const int16_t sample : heard) {
-    if (next < fed.size() && std::abs(sample - fed[next]) <= tolerance) {
+  constexpr size_t kFadeSamples = 480;  // the queue's fades last 5 ms: 480 samples at 96 kHz
+  std::vector<size_t> silent, faded;    // positions in heard
+  size_t next = 0;                      // of fed
+  for (size_t at = 0; at < heard.size(); ++at) {
+    const int sample = heard[at];
+    const int expected = next < fed.size() ? fed[next] : 0;
+    if (next < fed.size() && std::abs(sample - expected) <= tolerance) {
       ++next;
-    } else if (sample != 0) {
+    } else if (sample == 0) {
+      silent.push_back(at);
+    } else if (next < fed.size() && (sample > 0) == (expected > 0) && std::abs(sample) < std::abs(expected)) {
+      faded.push_back(at);
+      ++next;
+    } else {
       return false;
     }
+  }
+  for (const size_t at : faded) {  // silent is sorted
+    const auto after = std::lower_bound(silent.begin(), silent.end(), at);
+    const bool nearGap = (after != silent.end() && *after - at <= kFadeSamples) ||
+                         (after != silent.begin() && at - *(after - 1) <= kFadeSamples);
+    if (!nearGap) return false;
   }
   return next == fed.size();
 }

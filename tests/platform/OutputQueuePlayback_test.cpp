@@ -5,7 +5,7 @@
 // - Stop after the queued audio (buffers enqueued during the drain join it) and stop at once; pause holds the position, start continues; the
 //   fades that keep pauses and stops from clicking.
 // - PCM is one byte stream across buffers of any length; the volume scales samples; an underrun is
-//   heard as silence and counted; an output at another rate hears converted audio while time
+//   heard as silence between fades and counted; an output at another rate hears converted audio while time
 //   counts at the stream's rate.
 // Not here: real-time pacing (OutputDevices_test.cpp), MP3 (OutputQueueMp3_test.cpp).
 #include <cmath>
@@ -232,18 +232,28 @@ TEST(OutputQueuePlayback, VolumeScalesTheSamplesAndMovesSmoothly) {
             std::vector<int16_t>(1000 - kFadeFrames / 2, 0));
 }
 
-TEST(OutputQueuePlayback, RunningDryIsHeardAsSilenceAndCountedOnce) {
+TEST(OutputQueuePlayback, RunningDryFadesIntoSilenceAndBackAndIsCountedOnce) {
   TestQueue queue(PcmFormat(kRate));
   ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
   EXPECT_TRUE(queue.advance(500).empty()) << "nothing is heard before the first frame";
   EXPECT_EQ(queue.counters().underruns, 0u);
 
-  const std::vector<int16_t> first = Ramp(100, 1), second = Ramp(100, 500);
+  const std::vector<int16_t> first(100, kLevel), second(100, kLevel);
   queue.enqueue(first);
-  EXPECT_EQ(queue.advance(300), Concat(first, std::vector<int16_t>(200, 0)));
+  const std::vector<int16_t> beforeGap = queue.advance(300);
+  ASSERT_EQ(beforeGap.size(), 300u);
+  EXPECT_EQ(std::vector<int16_t>(beforeGap.begin(), beforeGap.begin() + 20), std::vector<int16_t>(20, kLevel));
+  ExpectFadeOut(std::vector<int16_t>(beforeGap.begin() + 20, beforeGap.begin() + 100), kLevel);
+  EXPECT_GT(beforeGap[99], 0) << "the gap's silence is the gap's own";
+  EXPECT_EQ(std::vector<int16_t>(beforeGap.begin() + 100, beforeGap.end()), std::vector<int16_t>(200, 0));
   EXPECT_EQ(queue.advance(300), std::vector<int16_t>(300, 0));
   queue.enqueue(second);
-  EXPECT_EQ(queue.advance(100), second);
+  const std::vector<int16_t> afterGap = queue.advance(100);
+  ASSERT_EQ(afterGap.size(), 100u);
+  EXPECT_TRUE(std::is_sorted(afterGap.begin(), afterGap.end())) << "fades in";
+  EXPECT_LE(afterGap.front(), kLevel / int16_t(kFadeFrames) + 1);
+  EXPECT_EQ(std::vector<int16_t>(afterGap.begin() + kFadeFrames - 1, afterGap.end()),
+            std::vector<int16_t>(100 - kFadeFrames + 1, kLevel));
 
   const AudioQueueCounters counters = queue.counters();
   EXPECT_EQ(counters.underruns, 1u);

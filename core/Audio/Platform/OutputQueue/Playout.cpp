@@ -107,7 +107,11 @@ size_t Playout::render(int16_t* out, size_t frames, uint64_t latencyFrames) noex
     const uint64_t available = std::min(written, end) - read;
     if (available > 0) {
       const size_t count = size_t(std::min<uint64_t>(available, frames - done));
-      play(out + done * ring_.channels(), count, true, volume);
+      // Short of this call's frames and not at the drain's end: the ring runs dry right after them.
+      const bool gapFollows = count < frames - done && written < end;
+      const size_t fading = gapFollows ? std::min<size_t>(count, fadeFrames_) : 0;
+      play(out + done * ring_.channels(), count - fading, true, volume);
+      fadeBeforeGap(out + (done + count - fading) * ring_.channels(), fading, volume);
       done += count;
       heard = done;
       dry_ = false;
@@ -167,27 +171,51 @@ void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
     return;
   }
   ring_.read(out, frames);
-  countHeard(frames);
+  countHeard(frames, volume);
+  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume && volume == 1.0f) {
+    return;  // heard exactly as enqueued
+  }
+  for (size_t frame = 0; frame < frames; ++frame) {
+    envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
+    scale(out + frame * ring_.channels(), float(envelope_) / float(fadeFrames_), volume);
+  }
+}
+
+void Playout::fadeBeforeGap(int16_t* out, size_t frames, float volume) {
+  if (frames == 0) {
+    return;
+  }
+  ring_.read(out, frames);
+  countHeard(frames, volume);
+  // From the level reached towards silence, however few frames are left; the silence itself is
+  // the gap's.
+  const float from = float(envelope_) / float(fadeFrames_);
+  for (size_t frame = 0; frame < frames; ++frame) {
+    scale(out + frame * ring_.channels(), from * float(frames - frame) / float(frames + 1), volume);
+  }
+  envelope_ = 0;  // the frames after the gap fade in
+}
+
+void Playout::scale(int16_t* frame, float envelope, float volume) {
+  gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
+  const float level = envelope * gain_;
+  for (uint32_t channel = 0; channel < ring_.channels(); ++channel) {
+    const int16_t fed = frame[channel];
+    long scaled = std::clamp(std::lrint(float(fed) * level), -32768L, 32767L);
+    // A sample faded but not silenced keeps its sign, one step at the least: an inaudible
+    // difference that keeps every fed sample apart from the silence of a gap in a recording.
+    if (scaled == 0 && fed != 0 && level > 0.0f) {
+      scaled = fed > 0 ? 1 : -1;
+    }
+    frame[channel] = int16_t(scaled);
+  }
+}
+
+void Playout::countHeard(size_t frames, float volume) {
   if (!gainSet_) {
     gain_ = volume;
     gainSet_ = true;
   }
-  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume && volume == 1.0f) {
-    return;  // heard exactly as enqueued
-  }
-  const uint32_t channels = ring_.channels();
-  for (size_t frame = 0; frame < frames; ++frame) {
-    envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
-    gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
-    const float level = float(envelope_) / float(fadeFrames_) * gain_;
-    for (uint32_t channel = 0; channel < channels; ++channel) {
-      int16_t& sample = out[frame * channels + channel];
-      sample = int16_t(std::clamp(std::lrint(float(sample) * level), -32768L, 32767L));
-    }
-  }
-}
-
-void Playout::countHeard(size_t frames) {
   flowing_ = true;
   played_ += frames;
 }

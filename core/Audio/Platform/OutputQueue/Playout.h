@@ -16,7 +16,8 @@
 //   a drain ends the run at the end position, with nothing heard after it; the control side keeps
 //   that end position until it starts the next run, or takes it back before it is reached.
 // Frames below the discard position (what an immediate stop threw away) are skipped unheard,
-// except those the stop's fade-out plays.
+// except those the stop's fade-out plays. A ring that runs dry mid-run fades out on its last frames
+// and fades back in when frames come again, so that the gap is not a click.
 //
 // Time as heard: a sound output holds frames for a while after render() returns (its latency).
 // render() keeps, for its recent calls, where the ring and the played count stood after each, and
@@ -82,7 +83,13 @@ class Playout final : public RenderSource {
   // Device thread: copy `frames` frames from the ring into out at the current level, stepping the
   // fade envelope one frame towards full (fadeIn) or silent, and the gain towards `volume`.
   void play(int16_t* out, size_t frames, bool fadeIn, float volume);
-  void countHeard(size_t frames);
+  // Device thread: the ring's frames between here and the first of those about to be read are
+  // the last before a gap: fade them out, so that the ring running dry is not heard as a click.
+  void fadeBeforeGap(int16_t* out, size_t frames, float volume);
+  // Device thread: one frame at `envelope` (0 to 1) times the gain, stepping the gain to `volume`.
+  void scale(int16_t* frame, float envelope, float volume);
+  // Device thread: `frames` frames taken from the ring; the first of a run sets the gain.
+  void countHeard(size_t frames, float volume);
   // Device thread, at the end of a call: records where this call left the ring and publishes
   // what the listener has heard, `latencyFrames` after it.
   void publishHeard(size_t frames, uint64_t latencyFrames);
