@@ -23,10 +23,6 @@
 #include "soundserver/SoundServer.h"
 #include "unit/RecordingDelegate.h"
 
-// The PulseAudio client library hands its socket buffers between its own threads in ways
-// ThreadSanitizer, which does not see into it, takes for races. Ours are still reported.
-extern "C" const char* __tsan_default_suppressions() { return "race:libpulsecommon\nrace:libpulse.so\n"; }
-
 namespace sound_server_test {
 namespace {
 
