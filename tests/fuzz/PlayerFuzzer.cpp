@@ -257,9 +257,9 @@ void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
     if (state.disposed || state.enqueued.empty()) return;
     // The real queue's drain outlives a pause and the start that resumes it; the fake's flag does not.
     const bool draining = fake::countCalls("AudioQueueStop q=" + std::to_string(state.id) + " immediate=0") > 0;
-    // An empty playData ends a sentence but leaves its queue open: the queue of a sentence that has
-    // received no audio is the previous one's.
-    if (!draining && peer.receivedSamples() == 0) return;
+    // An empty playData ends a sentence but leaves its queue playing out: a sentence that has not
+    // opened a queue of its own yet keeps it, and only its own queue can end it.
+    if (!peer.queueIsOfRequestUnderWay()) return;
     check(draining, "every buffer played back but the queue was not stopped");
     const size_t ends = delegate.ends();
     check(queue.reportRunning(false), "the running-state listener did not return");

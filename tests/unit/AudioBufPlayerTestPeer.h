@@ -45,6 +45,14 @@ class AudioBufPlayerTestPeer {
   void notifyResumed() { p_.NotifyDelegate_speechPlayerDidResumed(); }
   void notifyFinished() { p_.NotifyDelegate_speechPlayerDidFinished(); }
 
+  // Whether the player's queue is one the request under way opened: an MP3 sentence keeps the
+  // previous sentence's queue until its own format is known.
+  bool queueIsOfRequestUnderWay() {
+    bool mine = false;
+    locked([&mine](AudioBufPlayer& p) { mine = p.isQueueOfRequestUnderWay(p.audioQueue); });
+    return mine;
+  }
+
   // Fields.
   AudioQueueRef audioQueue() const { return p_.audioQueue; }
   AudioFileStreamID audioFileStream() const { return p_.audioFileStream; }
