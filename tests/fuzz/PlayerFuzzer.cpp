@@ -246,7 +246,7 @@ void apply(AudioBufPlayer& player, Device& device, Control control, uint8_t argu
 // Plays the last sentence out. A sentence that never queued audio (MP3 in which no frame was
 // found yet, or only a Xing/Info frame) has nothing that could end it and is left alone.
 void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
-  const AudioBufPlayerTestPeer peer(player);
+  AudioBufPlayerTestPeer peer(player);
   const auto deadline = std::chrono::steady_clock::now() + kHangDeadline;
   while (peer.status() & AudioBufPlayer::PS_ACTIVE) {
     check(std::chrono::steady_clock::now() < deadline, "a sentence with queued audio did not end");
