@@ -2,7 +2,8 @@
 // minute of audio on the null device run 20 times faster than real time (200 ms of audio per 10 ms
 // period), fed in chunks as a speech engine would. For MP3 the same bytes are decoded by `mpg123 -q -s FILE > /dev/null` in the same
 // run, and the ratio of the two is shown. Each figure is the least of three runs: other work on the
-// machine only ever adds CPU time.
+// machine only ever adds CPU time. Beside it, the context switches of the process per second of
+// audio in that run (every wake-up of a thread is one), and for PCM also at real time, over 9.6 s.
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,14 +22,21 @@ namespace {
 constexpr double kSpeed = 20.0;
 constexpr int kRuns = 3;
 
-// The least of kRuns results of `measure`, failed runs left out (at 20 times real time a busy
-// machine can starve the producer of one run); negative when every run failed.
+// What playing a sentence cost: CPU seconds and context switches per second of audio; cpu is
+// negative when the sentence did not play out.
+struct Cost {
+  double cpu = -1.0;
+  double switches = 0.0;
+};
+
+// The cheapest of kRuns results of `measure`, failed runs left out (at 20 times real time a busy
+// machine can starve the producer of one run).
 template <typename Measure>
-double LeastOfRuns(Measure measure) {
-  double least = -1.0;
+Cost LeastOfRuns(Measure measure) {
+  Cost least;
   for (int run = 0; run < kRuns; ++run) {
-    const double result = measure();
-    if (result >= 0 && (least < 0 || result < least)) least = result;
+    const Cost result = measure();
+    if (result.cpu >= 0 && (least.cpu < 0 || result.cpu < least.cpu)) least = result;
   }
   return least;
 }
@@ -42,29 +50,29 @@ struct LoopedSentence {
   size_t chunkBytes;
 };
 
-// CPU seconds per audio second of the player; negative when the sentence did not play out.
-double PlayerCpuPerAudioSecond(const std::vector<uint8_t>& audio, const LoopedSentence& sentence, double seconds) {
-  AudioOutputSelect("null", kSpeed);
+Cost PlayerCostPerAudioSecond(const std::vector<uint8_t>& audio, const LoopedSentence& sentence, double seconds,
+                              double speed) {
+  AudioOutputSelect("null", speed);
   BenchPlayer bench;
-  const double before = ProcessCpuSeconds();
+  const double cpuBefore = ProcessCpuSeconds(), switchesBefore = ProcessContextSwitches();
   const bool played =
       bench.playSentence(audio, sentence.format, sentence.chunkBytes, std::chrono::duration<double>(seconds));
-  const double spent = ProcessCpuSeconds() - before;
-  return played ? spent / seconds : -1.0;
+  const double cpu = ProcessCpuSeconds() - cpuBefore, switches = ProcessContextSwitches() - switchesBefore;
+  return played ? Cost{cpu / seconds, switches / seconds} : Cost{};
 }
 
 // CPU seconds per audio second of mpg123 decoding the same bytes; negative when it failed.
-double Mpg123CpuPerAudioSecond(const std::vector<uint8_t>& audio, double seconds) {
+Cost Mpg123CostPerAudioSecond(const std::vector<uint8_t>& audio, double seconds) {
   char path[] = "/tmp/abp-bench-XXXXXX.mp3";
   const int fd = mkstemps(path, 4);
-  if (fd < 0) return -1.0;
+  if (fd < 0) return {};
   const bool written = write(fd, audio.data(), audio.size()) == ssize_t(audio.size());
   close(fd);
   const double before = ChildrenCpuSeconds();
   const int status = written ? std::system(("mpg123 -q -s " + std::string(path) + " > /dev/null").c_str()) : -1;
   const double spent = ChildrenCpuSeconds() - before;
   std::remove(path);
-  return status == 0 ? spent / seconds : -1.0;
+  return status == 0 ? Cost{spent / seconds, 0.0} : Cost{};
 }
 
 }  // namespace
@@ -80,20 +88,29 @@ void MeasurePlayingCost() {
   for (const LoopedSentence& sentence : sentences) {
     const std::vector<uint8_t> audio = LoopedCorpusFile(sentence.file, sentence.times);
     const double seconds = sentence.fileSeconds * sentence.times;
-    const double player = LeastOfRuns([&] { return PlayerCpuPerAudioSecond(audio, sentence, seconds); });
+    const Cost player = LeastOfRuns([&] { return PlayerCostPerAudioSecond(audio, sentence, seconds, kSpeed); });
     const std::string measure = Format("Playing cost, %.0f s of ", seconds) + sentence.label;
-    if (player < 0) {
+    if (player.cpu < 0) {
       PrintRow(measure, "failed: the sentence did not play out", "");
       continue;
     }
-    std::string figure = Format("%.2f ms CPU per s of audio", player * 1e3);
+    std::string figure = Format("%.2f ms CPU per s of audio", player.cpu * 1e3) +
+                         Format(", %.0f context switches per s of audio", player.switches);
     if (sentence.format != EAudioPlayerAudioFormat_MP3) {
       PrintRow(measure, figure, "");
       continue;
     }
-    const double mpg123 = LeastOfRuns([&] { return Mpg123CpuPerAudioSecond(audio, seconds); });
-    figure += mpg123 > 0 ? Format("; mpg123 %.2f ms", mpg123 * 1e3) + Format("; ratio %.2fx", player / mpg123)
-                         : "; mpg123 failed";
+    const Cost mpg123 = LeastOfRuns([&] { return Mpg123CostPerAudioSecond(audio, seconds); });
+    figure += mpg123.cpu > 0 ? Format("; mpg123 %.2f ms", mpg123.cpu * 1e3) + Format("; ratio %.2fx", player.cpu / mpg123.cpu)
+                             : "; mpg123 failed";
     PrintRow(measure, figure, "<= 1.2x mpg123");
   }
+  const LoopedSentence& pcm = sentences[0];
+  const int loops = 3;
+  const Cost realTime = PlayerCostPerAudioSecond(LoopedCorpusFile(pcm.file, loops), pcm, pcm.fileSeconds * loops, 1.0);
+  PrintRow(Format("Playing cost, %.1f s of ", pcm.fileSeconds * loops) + pcm.label + ", real time",
+           realTime.cpu < 0 ? std::string("failed: the sentence did not play out")
+                            : Format("%.2f ms CPU per s of audio", realTime.cpu * 1e3) +
+                                  Format(", %.0f context switches per s of audio", realTime.switches),
+           "");
 }

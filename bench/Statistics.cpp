@@ -24,6 +24,12 @@ double ProcessCpuSeconds() { return CpuSeconds(RUSAGE_SELF); }
 
 double ChildrenCpuSeconds() { return CpuSeconds(RUSAGE_CHILDREN); }
 
+double ProcessContextSwitches() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return double(usage.ru_nvcsw) + double(usage.ru_nivcsw);
+}
+
 double Percentile(std::vector<double> samples, double fraction) {
   if (samples.empty()) return 0.0;
   std::sort(samples.begin(), samples.end());

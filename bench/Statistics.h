@@ -8,6 +8,8 @@ double WallSeconds();
 // CPU time (user + system) of this process, or of its waited-for children.
 double ProcessCpuSeconds();
 double ChildrenCpuSeconds();
+// Context switches (voluntary and involuntary) of all threads of this process so far.
+double ProcessContextSwitches();
 // The value below which `fraction` of the samples lie (nearest rank); 0 for no samples.
 double Percentile(std::vector<double> samples, double fraction);
 // One Markdown row of the results table, on standard output.
