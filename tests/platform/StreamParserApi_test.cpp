@@ -1,17 +1,5 @@
-// Plan: the AudioFileStream calls as a player uses them, on streams assembled from corpus frames.
-// - Streams with tags, junk and format changes in chosen places: which frames come out, which formats
-//   are reported, and where the stream fails (the 4 KiB junk limit, exactly, and for good), fed whole
-//   and one byte at a time; random mixtures of such pieces give the same packets whatever the chunking.
-// - Handles: closed, unknown and null handles fail with a status; handles are never reused.
-// - Arguments and properties: null arguments, other file types, properties read before and after
-//   the format is known, with wrong sizes and unknown ids.
-// - Callbacks: frames of one call come together and in place, at most 512 per callback; feeding or
-//   closing a parser from inside its own callback is refused or safe.
-// - Threads: parsers on separate threads share only the handle registry (meant for TSan runs).
-// Not here: the corpus files themselves (StreamParserCorpus_test.cpp).
-#include <random>
+// The AudioFileStream calls as a player uses them, on streams assembled from corpus frames.
 #include <set>
-#include <thread>
 
 #include "platform/StreamParserTestSupport.h"
 
@@ -87,11 +75,8 @@ std::vector<StreamCase> StreamCases() {
       {"a tag, then 4096 bytes of junk", Join({Id3v2(3, 0, Zeros(5000)), Zeros(4096), Join(a)}), a, {mono16k}, false},
       {"an ID3v2.4 tag with a footer, then 4096 bytes of junk",
        Join({Id3v2(4, 0x10, Zeros(100)), Zeros(4096), Join(a)}), a, {mono16k}, false},
-      {"an ID3v2.3 tag, whose footer flag means nothing", Join({Id3v2(3, 0x10, Zeros(100)), Join(a)}), a, {mono16k},
-       false},
       {"tags full of 24 kHz frames before, between and after the frames",
        Join({Ape(Join(other)), Join(a), Id3v2(3, 0, Join(other)), Join(b), Ape(Join(other))}), ab, {mono16k}, false},
-      {"junk between frames after the first", Join({Join(a), Zeros(10000), Join(b)}), ab, {mono16k}, false},
       {"false syncs packed in the junk between frames", Join({Join(a), FalseSyncs(10000), Join(b)}), ab, {mono16k},
        false},
       {"a lone false sync before the first frame", Join({Zeros(100), other[0], Zeros(100), Join(a)}), a, {mono16k},
@@ -109,9 +94,7 @@ TEST(StreamParserApi, FindsFramesAmongTagsJunkAndFormatChanges) {
     for (const size_t chunk : {example.stream.size(), size_t(1)}) {
       SCOPED_TRACE(std::string(example.what) + (chunk == 1 ? ", one byte at a time" : ", whole"));
       const ParsedStream parsed = ParseInChunks(example.stream, [&] { return chunk; });
-      EXPECT_EQ(std::vector<std::string>{}, parsed.faults);
-      EXPECT_EQ(example.packets.size(), parsed.packets.size());
-      EXPECT_TRUE(example.packets == parsed.packets);
+      EXPECT_TRUE(example.packets == parsed.packets) << parsed.packets.size() << " packets";
       EXPECT_EQ(example.formats, parsed.formats);
       EXPECT_EQ(example.fails, parsed.Failed());
       EXPECT_TRUE(std::is_partitioned(parsed.statuses.begin(), parsed.statuses.end(),
@@ -121,162 +104,97 @@ TEST(StreamParserApi, FindsFramesAmongTagsJunkAndFormatChanges) {
   }
 }
 
-// Random mixtures of frame runs, false syncs, tags and format changes: whatever the parser makes of
-// them, it makes the same of every chunking. Catches state that leaks across chunk boundaries in
-// places the hand-made streams above do not reach.
-TEST(StreamParserApi, RandomMixturesParseTheSameWhateverTheChunking) {
-  const std::vector<Bytes> frames16k = Frames(k16kMono, 0, 92);
-  const std::vector<Bytes> frames24k = Frames(k24kMono, 0, 50);
-  for (unsigned seed = 1; seed <= 40; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto pick = [&](size_t below) { return std::uniform_int_distribution<size_t>(0, below - 1)(random); };
-    std::vector<Bytes> pieces;
-    for (int piece = 0; piece < 12; ++piece) {
-      const std::vector<Bytes>& run = pick(3) == 0 ? frames24k : frames16k;
-      const size_t first = pick(run.size() / 2);
-      switch (pick(4)) {
-        case 0: pieces.push_back(FalseSyncs(1 + pick(3000))); break;
-        case 1: pieces.push_back(Id3v2(3, 0, FalseSyncs(pick(2000)))); break;
-        default: pieces.push_back(Join({run.begin() + long(first), run.begin() + long(first + 1 + pick(20))}));
-      }
-    }
-    const Bytes stream = Join(pieces);
-    const ParsedStream whole = ParseInChunks(stream);
-    for (const size_t largest : {size_t(1), size_t(7), size_t(3000)}) {
-      std::uniform_int_distribution<size_t> sizes(1, largest);
-      const ParsedStream chunked = ParseInChunks(stream, [&] { return sizes(random); });
-      EXPECT_EQ(std::vector<std::string>{}, chunked.faults);
-      EXPECT_TRUE(whole.packets == chunked.packets) << "chunks of 1.." << largest;
-      EXPECT_EQ(whole.formats, chunked.formats) << "chunks of 1.." << largest;
-    }
-  }
-}
-
-TEST(StreamParserApi, FramesOfOneCallComeTogetherInPlaceAtMost512PerCallback) {
+TEST(StreamParserApi, FramesOfOneCallComeTogetherAtMost512PerCallback) {
   std::vector<Bytes> frames;
   for (int copy = 0; copy < 6; ++copy) frames = Concat(frames, Frames(k16kMono, 0, 92));
   const ParsedStream parsed = ParseInChunks(Join(frames));
 
   EXPECT_EQ(552u, parsed.packets.size());
   EXPECT_EQ(2u, parsed.packetCallbacks);
-  EXPECT_EQ(0, std::count(parsed.offsets.begin(), parsed.offsets.end(), ParsedStream::kNotInPlace));
 }
 
-const AudioFileStream_PropertyListenerProc kIgnoreProperty = [](void*, AudioFileStreamID, AudioFileStreamPropertyID,
-                                                                uint32_t*) {};
-const AudioFileStream_PacketsProc kIgnorePackets = [](void*, uint32_t, uint32_t, const void*,
-                                                      AudioStreamPacketDescription*) {};
+void IgnoreProperty(void*, AudioFileStreamID, AudioFileStreamPropertyID, uint32_t*) {}
+void IgnorePackets(void*, uint32_t, uint32_t, const void*, AudioStreamPacketDescription*) {}
 
-TEST(StreamParserApi, HandlesAreNeverReusedAndStaleOnesFailWithAStatus) {
+TEST(StreamParserApi, BadHandlesArgumentsAndPropertiesGiveTheirStatus) {
   AudioFileStreamID closed = nullptr;
-  ASSERT_EQ(noErr, AudioFileStreamOpen(nullptr, kIgnoreProperty, kIgnorePackets, 0, &closed));
+  ASSERT_EQ(noErr, AudioFileStreamOpen(nullptr, IgnoreProperty, IgnorePackets, 0, &closed));
   ASSERT_EQ(noErr, AudioFileStreamClose(closed));
   std::set<AudioFileStreamID> seen{closed};
-  for (int i = 0; i < 1000; ++i) {
-    ParserRecorder recorder;  // live parsers beside them must not be mistaken for them
-    EXPECT_TRUE(seen.insert(recorder.stream()).second);
+  for (int i = 0; i < 100; ++i) {
+    ParserRecorder recorder;
+    EXPECT_TRUE(seen.insert(recorder.stream()).second) << "a handle handed out twice";
   }
-  ParserRecorder open;
-  const auto madeUp = reinterpret_cast<AudioFileStreamID>(uintptr_t(0x7FFF'FFFF'0000'0001));
-  for (const AudioFileStreamID handle : {closed, madeUp, AudioFileStreamID(nullptr)}) {
-    const uint8_t byte = 0xFF;
-    AudioStreamBasicDescription format{};
-    uint32_t size = sizeof format;
-    EXPECT_EQ(kAudioFileStreamError_InvalidStream, AudioFileStreamParseBytes(handle, 1, &byte, 0));
-    EXPECT_EQ(kAudioFileStreamError_InvalidStream,
-              AudioFileStreamGetProperty(handle, kAudioFileStreamProperty_DataFormat, &size, &format));
-    EXPECT_EQ(kAudioFileStreamError_InvalidStream, AudioFileStreamClose(handle));
-  }
-}
-
-TEST(StreamParserApi, BadArgumentsAndPropertiesGiveTheirStatus) {
-  AudioFileStreamID refused = nullptr;
   ParserRecorder recorder;
   const AudioFileStreamID stream = recorder.stream();
+  AudioFileStreamID refused = nullptr;
   AudioStreamBasicDescription format{};
   uint32_t ready = 7;
-  uint32_t formatSize = sizeof format;
-  uint32_t readySize = sizeof ready;
-  const auto getFormat = [&](uint32_t size, uint32_t* sizeIn, void* into) {
-    if (sizeIn) *sizeIn = size;
-    return AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, sizeIn, into);
+  uint32_t size = 0;
+  const uint8_t byte = 0xFF;
+  const auto get = [&](AudioFileStreamID handle, AudioFileStreamPropertyID id, uint32_t room, void* into) {
+    size = room;
+    return AudioFileStreamGetProperty(handle, id, &size, into);
   };
-  const auto getReady = [&](uint32_t size) {
-    readySize = size;
-    return AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_ReadyToProducePackets, &readySize, &ready);
-  };
+  const auto madeUp = reinterpret_cast<AudioFileStreamID>(uintptr_t(0x7FFF'FFFF'0000'0001));
+  const AudioFileStreamPropertyID kFormat = kAudioFileStreamProperty_DataFormat;
+  const AudioFileStreamPropertyID kReady = kAudioFileStreamProperty_ReadyToProducePackets;
   struct Case {
     const char* call;
     OSStatus status;
     OSStatus expected;
   };
   std::vector<Case> cases = {
-      {"open without listener", AudioFileStreamOpen(nullptr, nullptr, kIgnorePackets, 0, &refused),
+      {"parse a closed handle", AudioFileStreamParseBytes(closed, 1, &byte, 0), kAudioFileStreamError_InvalidStream},
+      {"parse a made-up handle", AudioFileStreamParseBytes(madeUp, 1, &byte, 0), kAudioFileStreamError_InvalidStream},
+      {"read from null", get(nullptr, kFormat, sizeof format, &format), kAudioFileStreamError_InvalidStream},
+      {"close a closed handle", AudioFileStreamClose(closed), kAudioFileStreamError_InvalidStream},
+      {"open without listener", AudioFileStreamOpen(nullptr, nullptr, IgnorePackets, 0, &refused),
        kAudioFileStreamError_IllegalOperation},
-      {"open without packets", AudioFileStreamOpen(nullptr, kIgnoreProperty, nullptr, 0, &refused),
+      {"open into null", AudioFileStreamOpen(nullptr, IgnoreProperty, IgnorePackets, 0, nullptr),
        kAudioFileStreamError_IllegalOperation},
-      {"open into null", AudioFileStreamOpen(nullptr, kIgnoreProperty, kIgnorePackets, 0, nullptr),
-       kAudioFileStreamError_IllegalOperation},
-      {"open a WAVE file", AudioFileStreamOpen(nullptr, kIgnoreProperty, kIgnorePackets, FourCC("WAVE"), &refused),
+      {"open a WAVE file", AudioFileStreamOpen(nullptr, IgnoreProperty, IgnorePackets, FourCC("WAVE"), &refused),
        kAudioFileStreamError_UnsupportedFileType},
       {"null bytes", AudioFileStreamParseBytes(stream, 1, nullptr, 0), kAudioFileStreamError_IllegalOperation},
       {"no bytes at null", AudioFileStreamParseBytes(stream, 0, nullptr, 0), noErr},
-      {"format before it is known", getFormat(sizeof format, &formatSize, &format),
+      {"format before it is known", get(stream, kFormat, sizeof format, &format),
        kAudioFileStreamError_DataUnavailable},
-      {"ready before the format", getReady(sizeof ready), noErr},
+      {"ready before the format", get(stream, kReady, sizeof ready, &ready), noErr},
   };
   EXPECT_EQ(0u, ready);
   const Bytes frames = Join(Frames(k16kMono, 0, 3));
   ASSERT_EQ(noErr, recorder.Feed(frames, 0, frames.size()));
   cases.insert(cases.end(), {
-      {"ready once known", getReady(sizeof ready), noErr},
-      {"format into more room", getFormat(sizeof format + 8, &formatSize, &format), noErr},
-      {"format into too little room", getFormat(sizeof format - 1, &formatSize, &format),
+      {"ready once known", get(stream, kReady, sizeof ready, &ready), noErr},
+      {"format into too little room", get(stream, kFormat, sizeof format - 1, &format),
        kAudioFileStreamError_BadPropertySize},
-      {"ready into too little room", getReady(sizeof ready - 1), kAudioFileStreamError_BadPropertySize},
-      {"an unknown property", AudioFileStreamGetProperty(stream, FourCC("dunk"), &formatSize, &format),
+      {"an unknown property", get(stream, FourCC("dunk"), sizeof format, &format),
        kAudioFileStreamError_UnsupportedProperty},
-      {"format without a size", getFormat(0, nullptr, &format), kAudioFileStreamError_IllegalOperation},
-      {"format into null", getFormat(sizeof format, &formatSize, nullptr), kAudioFileStreamError_IllegalOperation},
+      {"format into null", get(stream, kFormat, sizeof format, nullptr), kAudioFileStreamError_IllegalOperation},
+      {"format into more room", get(stream, kFormat, sizeof format + 8, &format), noErr},
   });
   for (const Case& test : cases) EXPECT_EQ(test.status, test.expected) << test.call;
   EXPECT_EQ(nullptr, refused);
   EXPECT_EQ(1u, ready);
-  EXPECT_EQ(noErr, getFormat(sizeof format + 8, &formatSize, &format));
-  EXPECT_EQ(sizeof format, formatSize);
+  EXPECT_EQ(sizeof format, size);
   EXPECT_EQ(16000.0, format.mSampleRate);
 }
 
-TEST(StreamParserApi, ParsersOnSeparateThreadsAreIndependent) {
-  const Bytes stream = Join(Frames(k16kMono, 0, 92));
-  const ParsedStream whole = ParseInChunks(stream);
-  std::vector<ParsedStream> results(4);
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < results.size(); ++i) {
-    threads.emplace_back([&, i] {
-      for (int round = 0; round < 20; ++round) results[i] = ParseInChunks(stream, [&] { return i + 1; });
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (const ParsedStream& result : results) EXPECT_TRUE(whole.packets == result.packets);
-}
-
-TEST(StreamParserApi, FeedingFromInsideACallbackIsRefusedAndChangesNothing) {
-  const Bytes stream = Join(Frames(k16kMono, 0, 20));
-  ParserRecorder recorder;
+TEST(StreamParserApi, FeedingFromInsideACallbackIsRefusedAndClosingThereIsSafe) {
+  const std::vector<Bytes> frames = Frames(k16kMono, 0, 20);
+  const Bytes stream = Join(frames);
+  ParserRecorder feeder;
   std::vector<OSStatus> nested;
-  recorder.onCallback = [&] {
-    nested.push_back(AudioFileStreamParseBytes(recorder.stream(), uint32_t(stream.size()), stream.data(), 0));
+  feeder.onCallback = [&] {
+    nested.push_back(AudioFileStreamParseBytes(feeder.stream(), uint32_t(stream.size()), stream.data(), 0));
   };
-  recorder.FeedAll(stream, [] { return 1000; });
-
+  for (size_t from = 0; from < stream.size(); from += 1000) {
+    feeder.Feed(stream, from, std::min<size_t>(1000, stream.size() - from));
+  }
   EXPECT_FALSE(nested.empty());
   EXPECT_EQ(std::vector<OSStatus>(nested.size(), kAudioFileStreamError_IllegalOperation), nested);
-  EXPECT_TRUE(Frames(k16kMono, 0, 20) == recorder.parsed().packets);
-}
+  EXPECT_TRUE(frames == feeder.parsed().packets);
 
-TEST(StreamParserApi, ClosingFromInsideACallbackIsSafe) {
   struct Client {
     AudioFileStreamID stream = nullptr;
     OSStatus closeStatus = -1;
@@ -286,9 +204,7 @@ TEST(StreamParserApi, ClosingFromInsideACallbackIsSafe) {
     auto& self = *static_cast<Client*>(data);
     if (self.packetCallbacks++ == 0) self.closeStatus = AudioFileStreamClose(self.stream);
   };
-  ASSERT_EQ(noErr, AudioFileStreamOpen(&client, kIgnoreProperty, closeOnPackets, 0, &client.stream));
-  const Bytes stream = Join(Frames(k16kMono, 0, 20));
-
+  ASSERT_EQ(noErr, AudioFileStreamOpen(&client, IgnoreProperty, closeOnPackets, 0, &client.stream));
   EXPECT_EQ(noErr, AudioFileStreamParseBytes(client.stream, uint32_t(stream.size()), stream.data(), 0));
   EXPECT_EQ(noErr, client.closeStatus);
   EXPECT_EQ(kAudioFileStreamError_InvalidStream,
