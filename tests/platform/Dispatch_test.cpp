@@ -1,11 +1,5 @@
-// Plan: the work queues' promises.
-// - The global queue runs many tasks that block at once: none waits for a busy thread (each task
-//   here blocks until all of them are running).
-// - The main queue runs its tasks one at a time, in posting order, on one thread that is not the
-//   poster's; a task may post to it again.
-// - Waiting until both queues are idle sees the end of a chain of tasks that post to each other.
-// - A process exits (and runs its exit handlers) while tasks block on both queues and more wait.
-// Not tested: the retirement of idle threads, which only shows as time passes.
+// The work queues' promises. Not tested: the retirement of idle threads, which only shows as time
+// passes.
 #include "Audio/Platform/Dispatch.h"
 
 #include <gtest/gtest.h>
@@ -13,9 +7,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <condition_variable>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -29,22 +23,24 @@ TEST(Dispatch, WaitUntilIdleSeesTheEndOfTasksPostingToEachOther) {
   auto hops = std::make_shared<std::atomic<int>>(0);
   std::function<void(int)> hop = [&hop, hops](int left) {
     hops->fetch_add(1);
-    if (left > 0) {
-      dispatch_async(left % 2 ? dispatch_get_main_queue() : dispatch_get_global_queue(0, 0), [&hop, left] { hop(left - 1); });
-    }
+    if (left == 0) return;
+    dispatch_async(left % 2 ? dispatch_get_main_queue() : dispatch_get_global_queue(0, 0),
+                   [&hop, left] { hop(left - 1); });
   };
   dispatch_async(dispatch_get_global_queue(0, 0), [&hop] { hop(20); });
   ASSERT_TRUE(dispatch_wait_until_idle(30.0));
   EXPECT_EQ(hops->load(), 21);
 }
 
+// Each task blocks until all of them run: a pool that made tasks wait for a busy thread never
+// gets there.
 TEST(Dispatch, GlobalQueueRunsManyBlockingTasksAtOnce) {
   constexpr int kTasks = 64;
   struct Rendezvous {
     std::mutex mutex;
     std::condition_variable changed;
-    int running = 0;   // guarded by mutex
-    int finished = 0;  // guarded by mutex
+    int running = 0;
+    int finished = 0;
   };
   auto rendezvous = std::make_shared<Rendezvous>();
   for (int i = 0; i < kTasks; ++i) {
@@ -52,7 +48,6 @@ TEST(Dispatch, GlobalQueueRunsManyBlockingTasksAtOnce) {
       std::unique_lock lock(rendezvous->mutex);
       ++rendezvous->running;
       rendezvous->changed.notify_all();
-      // A pool that made tasks wait for a busy thread would never get every task this far.
       if (rendezvous->changed.wait_for(lock, kDeadline, [&] { return rendezvous->running == kTasks; })) {
         ++rendezvous->finished;
         rendezvous->changed.notify_all();
@@ -66,10 +61,7 @@ TEST(Dispatch, GlobalQueueRunsManyBlockingTasksAtOnce) {
 
 TEST(Dispatch, MainQueueRunsTasksInPostingOrderOnOneOtherThread) {
   constexpr int kTasks = 200;
-  struct Run {
-    int index;
-    std::thread::id thread;
-  };
+  using Run = std::pair<int, std::thread::id>;
   auto runs = std::make_shared<std::vector<Run>>();  // touched only by tasks of the main queue
   auto done = std::make_shared<std::promise<std::vector<Run>>>();
   for (int i = 0; i < kTasks; ++i) {
@@ -80,43 +72,36 @@ TEST(Dispatch, MainQueueRunsTasksInPostingOrderOnOneOtherThread) {
                  [runs, done] { dispatch_async(dispatch_get_main_queue(), [runs, done] { done->set_value(*runs); }); });
   std::future<std::vector<Run>> result = done->get_future();
   ASSERT_EQ(result.wait_for(kDeadline), std::future_status::ready);
-
   const std::vector<Run> order = result.get();
   ASSERT_EQ(order.size(), size_t(kTasks));
-  for (int i = 0; i < kTasks; ++i) {
-    EXPECT_EQ(order[i].index, i);
-    EXPECT_EQ(order[i].thread, order[0].thread);
-  }
-  EXPECT_NE(order[0].thread, std::this_thread::get_id());
+  for (int i = 0; i < kTasks; ++i) EXPECT_EQ(order[i], Run(i, order[0].second));
+  EXPECT_NE(order[0].second, std::this_thread::get_id());
 }
 
-// The child starts tasks that never end on both queues, leaves more waiting behind them, and exits.
-// The alarm turns a hang at exit into a failure instead of a test that never ends.
-void exitWithTasksPending() {
+// Tasks that never end on both queues, more waiting behind them, and exit. The alarm turns a hang
+// at exit into a failure.
+void ExitWithTasksPending() {
   alarm(20);
-  auto forever = std::make_shared<std::promise<void>>();
-  std::shared_future<void> never = forever->get_future().share();
+  std::promise<void> forever;  // never set: exit runs no destructor of this frame
+  std::shared_future<void> never = forever.get_future().share();
   std::promise<void> globalStarted;
   std::promise<void> mainStarted;
-  dispatch_async(dispatch_get_global_queue(0, 0), [&globalStarted, never] {
-    globalStarted.set_value();
-    never.wait();
-  });
-  dispatch_async(dispatch_get_main_queue(), [&mainStarted, never] {
-    mainStarted.set_value();
-    never.wait();
-  });
+  for (auto [queue, started] : {std::pair(dispatch_get_global_queue(0, 0), &globalStarted),
+                                std::pair(dispatch_get_main_queue(), &mainStarted)}) {
+    dispatch_async(queue, [started, never] {
+      started->set_value();
+      never.wait();
+    });
+  }
   globalStarted.get_future().wait();
   mainStarted.get_future().wait();
-  for (int i = 0; i < 10; ++i) {
-    dispatch_async(dispatch_get_main_queue(), [] {});
-  }
+  for (int i = 0; i < 10; ++i) dispatch_async(dispatch_get_main_queue(), [] {});
   std::exit(0);
 }
 
 TEST(DispatchDeathTest, ProcessExitsWhileTasksBlockAndOthersWait) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(exitWithTasksPending(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(ExitWithTasksPending(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Shared by the OutputQueue*_test.cpp and OutputDevices_test.cpp files: a queue on a chosen sound
-// output with a log of its callbacks, and helpers for PCM test signals.
+// A queue on a chosen sound output with a log of its callbacks, and PCM test signals.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,6 +18,7 @@ namespace output_queue_test {
 
 // Waits that take longer than this have failed; the test reports it instead of hanging.
 constexpr auto kDeadline = std::chrono::seconds(20);
+constexpr double kDeadlineSeconds = 20;
 
 inline AudioStreamBasicDescription PcmFormat(double rate, uint32_t channels = 1) {
   return {rate, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
@@ -29,12 +29,10 @@ inline AudioStreamBasicDescription Mp3Format(double rate, uint32_t channels) {
   return {rate, kAudioFormatMPEGLayer3, 0, 0, rate > 24000 ? 1152u : 576u, 0, channels, 0, 0};
 }
 
-// Samples first, first + 1, ... : any lost, repeated or reordered sample shows.
+// Samples first, first + 1, ...: any lost, repeated or reordered sample shows.
 inline std::vector<int16_t> Ramp(size_t samples, int16_t first = 1) {
   std::vector<int16_t> ramp(samples);
-  for (size_t i = 0; i < samples; ++i) {
-    ramp[i] = int16_t(first + int16_t(i % 20000));
-  }
+  for (size_t i = 0; i < samples; ++i) ramp[i] = int16_t(first + int16_t(i % 20000));
   return ramp;
 }
 
@@ -44,8 +42,8 @@ inline std::vector<uint8_t> BytesOf(const std::vector<int16_t>& samples) {
   return bytes;
 }
 
-// What a queue's callbacks reported, in order: a returned buffer, or (buffer null) a running-state
-// change with the IsRunning value the listener read.
+// A returned buffer, or (buffer null) a running-state change with the IsRunning value the listener
+// read.
 struct Callback {
   AudioQueueBufferRef buffer;
   uint32_t running;
@@ -64,7 +62,7 @@ inline void PrintTo(const Callback& callback, std::ostream* out) {
 class CallbackLog {
  public:
   static void BufferDone(void* self, AudioQueueRef, AudioQueueBufferRef buffer) {
-    static_cast<CallbackLog*>(self)->add({buffer, 0});
+    static_cast<CallbackLog*>(self)->add(Returned(buffer));
   }
   static void RunningChanged(void* self, AudioQueueRef queue, AudioQueuePropertyID id) {
     uint32_t running = 99;
@@ -73,19 +71,20 @@ class CallbackLog {
     // A test may dispose of its queue while a change is still on its way to this listener.
     if (status == kAudioQueueErr_InvalidQueue) return;
     EXPECT_EQ(status, noErr);
-    static_cast<CallbackLog*>(self)->add({nullptr, running});
+    static_cast<CallbackLog*>(self)->add(RunningIs(running));
   }
 
   std::vector<Callback> callbacks() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return callbacks_;
   }
-  // Waits until the queue has reported itself stopped; false after the deadline.
+  bool stopped() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !callbacks_.empty() && callbacks_.back() == RunningIs(0);
+  }
   bool waitUntilStopped() {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kDeadline, [&] {
-      return !callbacks_.empty() && callbacks_.back() == RunningIs(0);
-    });
+    return changed_.wait_for(lock, kDeadline, [&] { return !callbacks_.empty() && callbacks_.back() == RunningIs(0); });
   }
 
  private:
@@ -100,20 +99,22 @@ class CallbackLog {
   std::vector<Callback> callbacks_;
 };
 
-// A queue on the sound output named by `output`, with a CallbackLog registered for both callbacks;
-// disposed, and waited for, at the end of the test.
+// A queue on the sound output named by `output` (empty: the one selected last), logging both
+// callbacks; disposed, and waited for, at the end of the test.
 class TestQueue {
  public:
   explicit TestQueue(const AudioStreamBasicDescription& format, const std::string& output = "manual",
                      double speed = 1.0, double latencySeconds = 0.0) {
-    EXPECT_EQ(AudioOutputSelect(output, speed, latencySeconds), noErr);
+    if (!output.empty()) {
+      EXPECT_EQ(AudioOutputSelect(output, speed, latencySeconds), noErr);
+    }
     EXPECT_EQ(AudioQueueNewOutput(&format, &CallbackLog::BufferDone, &log_, nullptr, nullptr, 0, &queue_), noErr);
-    EXPECT_EQ(AudioQueueAddPropertyListener(queue_, kAudioQueueProperty_IsRunning, &CallbackLog::RunningChanged, &log_),
-              noErr);
+    EXPECT_EQ(noErr, AudioQueueAddPropertyListener(queue_, kAudioQueueProperty_IsRunning,
+                                                   &CallbackLog::RunningChanged, &log_));
   }
   ~TestQueue() {
     AudioQueueDispose(queue_, true);
-    EXPECT_TRUE(AudioQueueWaitForReleases(std::chrono::duration<double>(kDeadline).count()));
+    EXPECT_TRUE(AudioQueueWaitForReleases(kDeadlineSeconds));
   }
   TestQueue(const TestQueue&) = delete;
   TestQueue& operator=(const TestQueue&) = delete;
@@ -121,15 +122,15 @@ class TestQueue {
   AudioQueueRef handle() const { return queue_; }
   CallbackLog& log() { return log_; }
 
-  // Allocates a buffer holding `bytes` and enqueues it with `packets` (none for PCM).
+  // Packets only for MP3.
   AudioQueueBufferRef enqueue(const uint8_t* bytes, size_t size,
                               const std::vector<AudioStreamPacketDescription>& packets = {}) {
     AudioQueueBufferRef buffer = nullptr;
     EXPECT_EQ(AudioQueueAllocateBuffer(queue_, uint32_t(size), &buffer), noErr);
     std::memcpy(buffer->mAudioData, bytes, size);
     buffer->mAudioDataByteSize = uint32_t(size);
-    EXPECT_EQ(AudioQueueEnqueueBuffer(queue_, buffer, uint32_t(packets.size()), packets.empty() ? nullptr : packets.data()),
-              noErr);
+    EXPECT_EQ(noErr, AudioQueueEnqueueBuffer(queue_, buffer, uint32_t(packets.size()),
+                                             packets.empty() ? nullptr : packets.data()));
     return buffer;
   }
   AudioQueueBufferRef enqueue(const std::vector<int16_t>& samples) {
@@ -143,16 +144,15 @@ class TestQueue {
     EXPECT_EQ(AudioOutputManualAdvance(queue_, frames, &heard), noErr);
     return heard;
   }
-  // Moves the manual clock until the queue reports itself stopped; returns what was heard.
-  std::vector<int16_t> advanceUntilStopped(uint32_t step = 4096) {
+  std::vector<int16_t> advanceUntilStopped() {
     std::vector<int16_t> heard;
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    while (!(log_.callbacks().size() > 0 && log_.callbacks().back() == RunningIs(0))) {
+    while (!log_.stopped()) {
       if (std::chrono::steady_clock::now() > deadline) {
         ADD_FAILURE() << "the queue never stopped";
         break;
       }
-      EXPECT_EQ(AudioOutputManualAdvance(queue_, step, &heard), noErr);
+      EXPECT_EQ(AudioOutputManualAdvance(queue_, 4096, &heard), noErr);
     }
     return heard;
   }
