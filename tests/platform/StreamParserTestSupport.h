@@ -76,7 +76,6 @@ struct ReportedFormat {
 struct ParsedStream {
   std::vector<Bytes> packets;
   std::vector<ReportedFormat> formats;
-  size_t packetCallbacks = 0;
   std::vector<OSStatus> statuses;  // of every AudioFileStreamParseBytes call
 
   bool Failed() const {
@@ -84,72 +83,48 @@ struct ParsedStream {
   }
 };
 
-class ParserRecorder {
- public:
-  ParserRecorder() { EXPECT_EQ(noErr, AudioFileStreamOpen(this, &OnProperty, &OnPackets, 0, &stream_)); }
-  ~ParserRecorder() { EXPECT_EQ(noErr, AudioFileStreamClose(stream_)); }
-  ParserRecorder(const ParserRecorder&) = delete;
-  ParserRecorder& operator=(const ParserRecorder&) = delete;
+// Feeds a whole stream to a new parser in chunks of the sizes nextChunkSize returns (by default in
+// one piece), then an empty call. Each chunk comes from a copy freed as soon as the call returns,
+// so that AddressSanitizer catches a parser that keeps a pointer into the caller's bytes.
+inline ParsedStream ParseInChunks(const Bytes& bytes, std::function<size_t()> nextChunkSize = {}) {
+  struct Recorder {
+    ParsedStream parsed;
+    AudioFileStreamID stream = nullptr;
 
-  AudioFileStreamID stream() const { return stream_; }
-  const ParsedStream& parsed() const { return parsed_; }
-
-  // From a copy freed as soon as the call returns, so that AddressSanitizer catches a parser that
-  // keeps a pointer into the caller's bytes.
-  OSStatus Feed(const Bytes& bytes, size_t from, size_t size) {
-    const Bytes chunk(bytes.begin() + long(from), bytes.begin() + long(from + size));
-    const OSStatus status = AudioFileStreamParseBytes(stream_, uint32_t(size), chunk.data(), 0);
-    parsed_.statuses.push_back(status);
-    return status;
-  }
-
-  // Runs inside every callback, after the recording.
-  std::function<void()> onCallback;
-
- private:
-  static void OnProperty(void* client, AudioFileStreamID stream, AudioFileStreamPropertyID property, uint32_t*) {
-    auto& self = *static_cast<ParserRecorder*>(client);
-    if (property == kAudioFileStreamProperty_ReadyToProducePackets) {
+    static void OnProperty(void* self, AudioFileStreamID stream, AudioFileStreamPropertyID property, uint32_t*) {
+      if (property != kAudioFileStreamProperty_ReadyToProducePackets) return;
+      ParsedStream& parsed = static_cast<Recorder*>(self)->parsed;
       AudioStreamBasicDescription format{};
       uint32_t size = sizeof format;
       EXPECT_EQ(noErr, AudioFileStreamGetProperty(stream, kAudioFileStreamProperty_DataFormat, &size, &format));
       EXPECT_EQ(kAudioFormatMPEGLayer3, format.mFormatID);
-      self.parsed_.formats.push_back(
-          {self.parsed_.packets.size(), format.mSampleRate, format.mChannelsPerFrame, format.mFramesPerPacket});
+      parsed.formats.push_back({parsed.packets.size(), format.mSampleRate, format.mChannelsPerFrame,
+                                format.mFramesPerPacket});
     }
-    if (self.onCallback) self.onCallback();
-  }
-
-  static void OnPackets(void* client, uint32_t numberBytes, uint32_t numberPackets, const void* data,
-                        AudioStreamPacketDescription* descriptions) {
-    auto& self = *static_cast<ParserRecorder*>(client);
-    ++self.parsed_.packetCallbacks;
-    EXPECT_FALSE(self.parsed_.formats.empty()) << "packets before their format";
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    int64_t end = 0;
-    for (uint32_t i = 0; i < numberPackets; ++i) {
-      ASSERT_EQ(end, descriptions[i].mStartOffset) << "descriptions that do not tile the data";
-      end += descriptions[i].mDataByteSize;
-      ASSERT_LE(end, numberBytes);
-      self.parsed_.packets.emplace_back(bytes + descriptions[i].mStartOffset, bytes + end);
+    static void OnPackets(void* self, uint32_t numberBytes, uint32_t numberPackets, const void* data,
+                          AudioStreamPacketDescription* descriptions) {
+      ParsedStream& parsed = static_cast<Recorder*>(self)->parsed;
+      EXPECT_FALSE(parsed.formats.empty()) << "packets before their format";
+      const auto* bytes = static_cast<const uint8_t*>(data);
+      int64_t end = 0;
+      for (uint32_t i = 0; i < numberPackets; ++i) {
+        ASSERT_EQ(end, descriptions[i].mStartOffset) << "descriptions that do not tile the data";
+        end += descriptions[i].mDataByteSize;
+        ASSERT_LE(end, numberBytes);
+        parsed.packets.emplace_back(bytes + descriptions[i].mStartOffset, bytes + end);
+      }
+      EXPECT_EQ(end, numberBytes);
     }
-    EXPECT_EQ(end, numberBytes);
-    if (self.onCallback) self.onCallback();
-  }
-
-  AudioFileStreamID stream_ = nullptr;
-  ParsedStream parsed_;
-};
-
-// Parses a whole stream in chunks of the sizes nextChunkSize returns; by default in one piece.
-inline ParsedStream ParseInChunks(const Bytes& bytes, std::function<size_t()> nextChunkSize = {}) {
-  ParserRecorder recorder;
-  for (size_t from = 0; from < bytes.size();) {
+  } recorder;
+  EXPECT_EQ(noErr, AudioFileStreamOpen(&recorder, Recorder::OnProperty, Recorder::OnPackets, 0, &recorder.stream));
+  for (size_t from = 0; from <= bytes.size();) {
     const size_t size = std::min(nextChunkSize ? nextChunkSize() : bytes.size(), bytes.size() - from);
-    recorder.Feed(bytes, from, size);
-    from += size;
+    const Bytes chunk(bytes.begin() + long(from), bytes.begin() + long(from + size));
+    recorder.parsed.statuses.push_back(AudioFileStreamParseBytes(recorder.stream, uint32_t(size), chunk.data(), 0));
+    from += std::max<size_t>(size, 1);
   }
-  return recorder.parsed();
+  EXPECT_EQ(noErr, AudioFileStreamClose(recorder.stream));
+  return recorder.parsed;
 }
 
 }  // namespace stream_parser_test
