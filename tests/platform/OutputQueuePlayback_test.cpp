@@ -82,69 +82,40 @@ TEST(OutputQueuePlayback, StopAfterQueuedAudioPlaysWhatIsEnqueuedUntilItRunsDry)
   }
 }
 
-TEST(OutputQueuePlayback, ImmediateStopFadesOutAndGivesBackEveryUnplayedBuffer) {
-  TestQueue queue(PcmFormat(kRate));
-  AudioQueueBufferRef a = queue.enqueue(Steady(1000)), b = queue.enqueue(Steady(1000));
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  EXPECT_EQ(queue.advance(500), Steady(500));
+// Both fade out and hold the time. A stop gives back every unplayed buffer and its audio never
+// plays; a pause keeps them for the next start, which fades in. Neither ends the next run early.
+TEST(OutputQueuePlayback, ImmediateStopAndPauseFadeOutAndHoldTheTime) {
+  for (const bool pause : {false, true}) {
+    SCOPED_TRACE(pause ? "pause" : "immediate stop");
+    TestQueue queue(PcmFormat(kRate));
+    AudioQueueBufferRef a = queue.enqueue(Steady(1000)), b = queue.enqueue(Steady(1000));
+    ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
+    EXPECT_EQ(queue.advance(500), Steady(500));
+    ASSERT_EQ(pause ? AudioQueuePause(queue.handle()) : AudioQueueStop(queue.handle(), true), noErr);
+    EXPECT_EQ(queue.isRunning(), pause ? 1u : 0u);
+    const std::vector<int16_t> fade = queue.advance(1000);
+    ExpectFadeOut(fade);
+    const auto held = uint32_t(500 + fade.size());
+    EXPECT_TRUE(queue.advance(1000).empty());
+    EXPECT_EQ(queue.sampleTime(), held);
 
-  ASSERT_EQ(AudioQueueStop(queue.handle(), true), noErr);
-  EXPECT_EQ(queue.isRunning(), 0u);
-  const std::vector<int16_t> fade = queue.advance(1000);
-  ExpectFadeOut(fade);
-  EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a), Returned(b), RunningIs(0)}));
-  EXPECT_EQ(queue.sampleTime(), 500 + fade.size());
-
-  // What was thrown away never plays; the next run starts at full level and plays on.
-  const std::vector<int16_t> next = Ramp(400, 100);
-  AudioQueueBufferRef c = queue.enqueue(next);
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  EXPECT_EQ(queue.advance(400), next);
-  queue.advance(100);
-  EXPECT_EQ(queue.log().callbacks().back(), Returned(c)) << "still running after the buffer";
-}
-
-TEST(OutputQueuePlayback, PauseHoldsThePositionAndStartContinuesWithoutLosingFrames) {
-  TestQueue queue(PcmFormat(kRate));
-  AudioQueueBufferRef a = queue.enqueue(Steady(3000));
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  EXPECT_EQ(queue.advance(400).size(), 400u);
-
-  ASSERT_EQ(AudioQueuePause(queue.handle()), noErr);
-  const std::vector<int16_t> fade = queue.advance(1000);
-  ExpectFadeOut(fade);
-  const double held = queue.sampleTime();
-  EXPECT_EQ(held, 400 + fade.size());
-  EXPECT_TRUE(queue.advance(5000).empty());
-  EXPECT_EQ(queue.sampleTime(), held);
-  EXPECT_EQ(queue.isRunning(), 1u);
-
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  const std::vector<int16_t> rest = queue.advance(3000 - uint32_t(held));
-  queue.advance(0);
-  EXPECT_LT(rest.front(), kLevel / 4);
-  EXPECT_TRUE(std::is_sorted(rest.begin(), rest.begin() + kFadeFrames)) << "fades in";
-  EXPECT_EQ(std::vector<int16_t>(rest.begin() + kFadeFrames, rest.end()), Steady(rest.size() - kFadeFrames));
-  EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a)}));
-}
-
-TEST(OutputQueuePlayback, VolumeScalesTheSamplesAndMovesSmoothly) {
-  TestQueue queue(PcmFormat(kRate));
-  const std::vector<int16_t> input = Ramp(2000, -10000);
-  queue.enqueue(input);
-  ASSERT_EQ(AudioQueueSetParameter(queue.handle(), kAudioQueueParam_Volume, 0.5f), noErr);
-  ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
-  const std::vector<int16_t> half = queue.advance(1000);
-  ASSERT_EQ(AudioQueueSetParameter(queue.handle(), kAudioQueueParam_Volume, 0.0f), noErr);
-  const std::vector<int16_t> quiet = queue.advance(1000);
-  ASSERT_EQ(half.size() + quiet.size(), 2000u);
-  for (size_t i = 0; i < half.size(); ++i) ASSERT_NEAR(half[i], input[i] * 0.5, 0.5) << "sample " << i;
-  // The gain slides at full scale per fade length: from 0.5 to 0 in half of it.
-  for (size_t i = 0; i < kFadeFrames / 2; ++i) {
-    EXPECT_NEAR(quiet[i], input[1000 + i] * (0.5 - double(i + 1) / kFadeFrames), 1.0) << "sample " << i;
+    const std::vector<int16_t> next = Ramp(400, 100);
+    AudioQueueBufferRef c = queue.enqueue(next);
+    ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
+    const std::vector<int16_t> heard = queue.advance(pause ? 2400 - held : 400);
+    queue.advance(100);
+    if (pause) {
+      EXPECT_LT(heard.front(), kLevel / 4);
+      EXPECT_TRUE(std::is_sorted(heard.begin(), heard.begin() + kFadeFrames)) << "fades in";
+      EXPECT_EQ(std::vector<int16_t>(heard.begin() + kFadeFrames, heard.end()),
+                Concat(Steady(2000 - held - kFadeFrames), next));
+      EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a), Returned(b), Returned(c)}));
+    } else {
+      EXPECT_EQ(heard, next);
+      EXPECT_EQ(queue.log().callbacks(), (std::vector<Callback>{RunningIs(1), Returned(a), Returned(b), RunningIs(0),
+                                                                RunningIs(1), Returned(c)}));
+    }
   }
-  EXPECT_EQ(std::vector<int16_t>(quiet.begin() + kFadeFrames / 2, quiet.end()),
-            std::vector<int16_t>(1000 - kFadeFrames / 2, 0));
 }
 
 TEST(OutputQueuePlayback, RunningDryFadesIntoSilenceAndBackAndIsCountedOnce) {

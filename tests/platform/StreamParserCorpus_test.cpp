@@ -48,39 +48,5 @@ TEST(StreamParserCorpus, EveryFileGivesItsListedFramesWhateverTheChunking) {
   EXPECT_GE(files, 17u) << "an empty or misread manifest";
 }
 
-TEST(StreamParserCorpus, DamagedFilesEndAsExpected) {
-  const struct {
-    const char* file;
-    bool fails;
-    const char* framesOf;  // the good file whose audio frames come out; nullptr: none, nor a format
-    size_t frameCount;     // of framesOf's audio frames; 0 for all
-  } cases[] = {
-      // No frame within the first 4 KiB of junk: an error, and no format from a lone false sync.
-      {"bad_random_bytes_16k.mp3", true, nullptr, 0},
-      {"bad_empty.mp3", false, nullptr, 0},
-      // The tag claims the whole file: every byte is swallowed, quietly.
-      {"bad_id3_size_beyond_eof.mp3", false, nullptr, 0},
-      // An invalid tag header is 10 bytes of junk; the Info frame after it still starts the stream.
-      {"bad_id3_size_not_syncsafe.mp3", false, "hold_m2_16k_cbr48_lame_info.mp3", 0},
-      {"bad_garbage1k_inserted.mp3", false, "fox_m2_16k_cbr32_lame.mp3", 0},
-      // The half frame at the end never completes.
-      {"bad_truncated_midframe.mp3", false, "hold_m2_16k_cbr48_lame_info.mp3", 40},
-  };
-  for (const auto& damaged : cases) {
-    SCOPED_TRACE(damaged.file);
-    const ParsedStream parsed = ParseInChunks(ReadCorpusFile(damaged.file));
-
-    EXPECT_EQ(damaged.fails, parsed.Failed());
-    if (damaged.fails) {
-      EXPECT_EQ(kAudioFileStreamError_InvalidFile, parsed.statuses.back()) << "the empty call after a failure";
-    }
-    std::vector<Bytes> expected;
-    if (damaged.framesOf != nullptr) expected = AudioFrameBytes(damaged.framesOf);
-    if (damaged.frameCount != 0) expected.resize(damaged.frameCount);
-    EXPECT_TRUE(expected == parsed.packets) << parsed.packets.size() << " packets";
-    EXPECT_EQ(expected.empty() ? 0u : 1u, parsed.formats.size());
-  }
-}
-
 }  // namespace
 }  // namespace stream_parser_test

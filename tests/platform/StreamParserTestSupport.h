@@ -27,15 +27,15 @@ struct CorpusFrame {
   uint32_t channels;
 };
 
-// All but a Xing/Info frame that starts the stream, unless withInfo.
-inline std::vector<CorpusFrame> CorpusFrames(const std::string& mp3Name, bool withInfo = false) {
+// All but a Xing/Info frame that starts the stream: the frames a player must receive.
+inline std::vector<CorpusFrame> CorpusFrames(const std::string& mp3Name) {
   std::vector<CorpusFrame> frames;
   for (const auto& row : ReadTsv(mp3Name.substr(0, mp3Name.size() - 4) + ".frames.tsv")) {
     frames.push_back({std::stoul(row.at("offset")), std::stoul(row.at("size")),
                       row.at("kind").starts_with("info:"), row.at("mpeg") == "2.5" ? 25 : std::stoi(row.at("mpeg")),
                       uint32_t(std::stoul(row.at("rate"))), uint32_t(std::stoul(row.at("channels")))});
   }
-  if (!withInfo && !frames.empty() && frames.front().isInfo) frames.erase(frames.begin());
+  if (!frames.empty() && frames.front().isInfo) frames.erase(frames.begin());
   return frames;
 }
 
