@@ -9,7 +9,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -18,19 +17,6 @@
 namespace {
 
 constexpr auto kDeadline = std::chrono::seconds(30);
-
-TEST(Dispatch, WaitUntilIdleSeesTheEndOfTasksPostingToEachOther) {
-  auto hops = std::make_shared<std::atomic<int>>(0);
-  std::function<void(int)> hop = [&hop, hops](int left) {
-    hops->fetch_add(1);
-    if (left == 0) return;
-    dispatch_async(left % 2 ? dispatch_get_main_queue() : dispatch_get_global_queue(0, 0),
-                   [&hop, left] { hop(left - 1); });
-  };
-  dispatch_async(dispatch_get_global_queue(0, 0), [&hop] { hop(20); });
-  ASSERT_TRUE(dispatch_wait_until_idle(30.0));
-  EXPECT_EQ(hops->load(), 21);
-}
 
 // Each task blocks until all of them run: a pool that made tasks wait for a busy thread never
 // gets there.

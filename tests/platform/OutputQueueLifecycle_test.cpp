@@ -109,81 +109,71 @@ TEST(OutputQueueLifecycle, BufferRecordsAreNeverHandedOutTwiceAcrossArenaRegions
   EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
 }
 
-// Three buffers of 10 ms on the null output at 20 times real time.
-AudioQueueRef FedNullQueue(AudioQueueOutputCallback callback, void* userData) {
-  EXPECT_EQ(AudioOutputSelect("null", 20), noErr);
-  AudioQueueRef queue = nullptr;
-  EXPECT_EQ(AudioQueueNewOutput(&kPcm, callback, userData, nullptr, nullptr, 0, &queue), noErr);
-  for (int i = 0; i < 3; ++i) {
-    AudioQueueBufferRef buffer = nullptr;
-    EXPECT_EQ(AudioQueueAllocateBuffer(queue, 320, &buffer), noErr);
-    buffer->mAudioDataByteSize = 320;
-    EXPECT_EQ(AudioQueueEnqueueBuffer(queue, buffer, 0, nullptr), noErr);
-  }
-  return queue;
-}
+enum class DisposedBy { CallerHoldingTheCallbacksLock, BufferCallback, RunningListener };
 
-// The player disposes with its mutex held while the queue's callback waits for it.
-TEST(OutputQueueLifecycle, DisposeReturnsWhileACallbackWaitsForTheCallersLock) {
-  struct Player {
-    std::mutex mutex;
-    std::promise<void> callbackEntered;
-    std::atomic<int> callbacks{0};
-  } player;
-  const auto callback = [](void* self, AudioQueueRef, AudioQueueBufferRef) {
-    auto& player = *static_cast<Player*>(self);
-    if (player.callbacks.fetch_add(1) == 0) player.callbackEntered.set_value();
-    std::lock_guard<std::mutex> lock(player.mutex);
-  };
-  const AudioQueueRef queue = FedNullQueue(callback, &player);
-
-  std::unique_lock<std::mutex> held(player.mutex);
-  ASSERT_EQ(AudioQueueStart(queue, nullptr), noErr);
-  ASSERT_EQ(player.callbackEntered.get_future().wait_for(kDeadline), std::future_status::ready);
-  auto disposed = std::async(std::launch::async, [&] { return AudioQueueDispose(queue, true); });
-  const bool returned = disposed.wait_for(kDeadline) == std::future_status::ready;
-  held.unlock();  // whatever happened, let the callback finish
-  ASSERT_TRUE(returned) << "AudioQueueDispose waited for the callback";
-  EXPECT_EQ(disposed.get(), noErr);
-  EXPECT_TRUE(AudioQueueWaitForReleases(kDeadlineSeconds));
-  EXPECT_EQ(player.callbacks.load(), 1) << "a callback started after AudioQueueDispose";
-}
-
-struct DisposedFromCallback {
-  bool fromListener = false;
+struct Disposal {
+  DisposedBy by = DisposedBy::CallerHoldingTheCallbacksLock;
+  std::mutex mutex;  // the player's
   std::atomic<int> callbacks{0};
   std::atomic<bool> disposed{false};
-  OSStatus disposal = 1;
-  OSStatus callAfterwards = 1;
-  std::promise<void> done;
+  OSStatus startAfterwards = noErr;
+  std::promise<void> ready;  // a buffer callback waits for the mutex, or a callback has disposed
 
-  static void Called(void* self, AudioQueueRef queue, bool fromListener) {
-    auto& observed = *static_cast<DisposedFromCallback*>(self);
-    ++observed.callbacks;
-    if (observed.fromListener != fromListener || observed.disposed.exchange(true)) return;
-    observed.disposal = AudioQueueDispose(queue, true);
-    observed.callAfterwards = AudioQueueStart(queue, nullptr);
-    observed.done.set_value();
+  static void Called(void* self, AudioQueueRef queue, DisposedBy where) {
+    auto& disposal = *static_cast<Disposal*>(self);
+    ++disposal.callbacks;
+    if (disposal.by == DisposedBy::CallerHoldingTheCallbacksLock && where == DisposedBy::BufferCallback) {
+      if (!disposal.disposed.exchange(true)) disposal.ready.set_value();
+      std::lock_guard<std::mutex> lock(disposal.mutex);
+    } else if (disposal.by == where && !disposal.disposed.exchange(true)) {
+      EXPECT_EQ(AudioQueueDispose(queue, true), noErr);
+      disposal.startAfterwards = AudioQueueStart(queue, nullptr);
+      disposal.ready.set_value();
+    }
   }
-  static void BufferBack(void* self, AudioQueueRef queue, AudioQueueBufferRef) { Called(self, queue, false); }
-  static void RunningChanged(void* self, AudioQueueRef queue, AudioQueuePropertyID) { Called(self, queue, true); }
+  static void BufferBack(void* self, AudioQueueRef queue, AudioQueueBufferRef) {
+    Called(self, queue, DisposedBy::BufferCallback);
+  }
+  static void RunningChanged(void* self, AudioQueueRef queue, AudioQueuePropertyID) {
+    Called(self, queue, DisposedBy::RunningListener);
+  }
 };
 
-TEST(OutputQueueLifecycle, AQueueCanBeDisposedFromItsOwnCallbacks) {
-  for (const bool fromListener : {false, true}) {
-    SCOPED_TRACE(fromListener ? "from the running-state listener" : "from the buffer callback");
-    DisposedFromCallback observed;
-    observed.fromListener = fromListener;
-    const AudioQueueRef queue = FedNullQueue(DisposedFromCallback::BufferBack, &observed);
-    ASSERT_EQ(noErr, AudioQueueAddPropertyListener(queue, kAudioQueueProperty_IsRunning,
-                                                   DisposedFromCallback::RunningChanged, &observed));
+// The player disposes with its mutex held while a buffer callback waits for it, or from inside the
+// queue's own callbacks: dispose returns at once and no callback starts afterwards.
+TEST(OutputQueueLifecycle, DisposeNeverWaitsForACallbackAndNoCallbackFollowsIt) {
+  for (const DisposedBy by : {DisposedBy::CallerHoldingTheCallbacksLock, DisposedBy::BufferCallback,
+                              DisposedBy::RunningListener}) {
+    SCOPED_TRACE(int(by));
+    Disposal disposal;
+    disposal.by = by;
+    ASSERT_EQ(AudioOutputSelect("null", 20), noErr);
+    AudioQueueRef queue = nullptr;
+    ASSERT_EQ(AudioQueueNewOutput(&kPcm, Disposal::BufferBack, &disposal, nullptr, nullptr, 0, &queue), noErr);
+    ASSERT_EQ(noErr, AudioQueueAddPropertyListener(queue, kAudioQueueProperty_IsRunning, Disposal::RunningChanged,
+                                                   &disposal));
+    for (int i = 0; i < 3; ++i) {
+      AudioQueueBufferRef buffer = nullptr;
+      ASSERT_EQ(AudioQueueAllocateBuffer(queue, 320, &buffer), noErr);
+      buffer->mAudioDataByteSize = 320;
+      ASSERT_EQ(AudioQueueEnqueueBuffer(queue, buffer, 0, nullptr), noErr);
+    }
+    std::unique_lock<std::mutex> held(disposal.mutex);
     ASSERT_EQ(AudioQueueStart(queue, nullptr), noErr);
-    ASSERT_EQ(observed.done.get_future().wait_for(kDeadline), std::future_status::ready);
+    ASSERT_EQ(disposal.ready.get_future().wait_for(kDeadline), std::future_status::ready);
+    if (by == DisposedBy::CallerHoldingTheCallbacksLock) {
+      auto disposed = std::async(std::launch::async, [&] { return AudioQueueDispose(queue, true); });
+      const bool returned = disposed.wait_for(kDeadline) == std::future_status::ready;
+      held.unlock();  // whatever happened, let the callback finish
+      ASSERT_TRUE(returned) << "AudioQueueDispose waited for the callback";
+      EXPECT_EQ(disposed.get(), noErr);
+    } else {
+      EXPECT_EQ(disposal.startAfterwards, kAudioQueueErr_InvalidQueue);
+      held.unlock();
+    }
     ASSERT_TRUE(AudioQueueWaitForReleases(kDeadlineSeconds));
-    EXPECT_EQ(observed.disposal, noErr);
-    EXPECT_EQ(observed.callAfterwards, kAudioQueueErr_InvalidQueue);
     // The start's running-state change comes before the first buffer.
-    EXPECT_EQ(observed.callbacks.load(), fromListener ? 1 : 2) << "a callback after the one that disposed";
+    EXPECT_EQ(disposal.callbacks.load(), by == DisposedBy::RunningListener ? 1 : 2) << "a callback after disposal";
   }
 }
 
