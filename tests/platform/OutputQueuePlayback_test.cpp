@@ -137,7 +137,8 @@ TEST(OutputQueuePlayback, RunningDryFadesIntoSilenceAndBackAndIsCountedOnce) {
   EXPECT_LE(afterGap.front(), kLevel / int16_t(kFadeFrames) + 1);
   EXPECT_EQ(std::vector<int16_t>(afterGap.begin() + kFadeFrames - 1, afterGap.end()), Steady(100 - kFadeFrames + 1));
 
-  const AudioQueueCounters counters = queue.counters();
+  AudioQueueCounters counters;
+  ASSERT_EQ(AudioQueueGetCounters(queue.handle(), &counters), noErr);
   EXPECT_EQ(counters.underruns, 1u);
   EXPECT_EQ(counters.silentFramesInserted, 500u);
   EXPECT_EQ(counters.framesPlayed, 200u);

@@ -126,11 +126,6 @@ class TestQueue {
     EXPECT_EQ(AudioQueueGetCurrentTime(queue_, nullptr, &time, nullptr), noErr);
     return time.mSampleTime;
   }
-  AudioQueueCounters counters() {
-    AudioQueueCounters counters;
-    EXPECT_EQ(AudioQueueGetCounters(queue_, &counters), noErr);
-    return counters;
-  }
   uint32_t isRunning() {
     uint32_t running = 99;
     uint32_t size = sizeof running;

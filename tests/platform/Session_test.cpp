@@ -63,14 +63,6 @@ class SessionObserver {
   std::vector<Received> received_;  // guarded by mutex_
 };
 
-TEST(AudioSession, EmptyCategoryIsRefusedAndChangesNothing) {
-  AudioSession& session = AudioSession::sharedInstance();
-  EXPECT_TRUE(session.setCategory("AVAudioSessionCategoryPlayback", 0x2));
-  EXPECT_FALSE(session.setCategory("", 0x8));
-  EXPECT_EQ(session.category(), "AVAudioSessionCategoryPlayback");
-  EXPECT_EQ(session.categoryOptions(), 0x2u);
-}
-
 // The interrupted state changes at the call while the first handler is still held: a caller never
 // waits for a handler, which may need the caller's locks.
 TEST(AudioSession, HostEventsReachObserversOffTheCallersThreadInCallOrder) {

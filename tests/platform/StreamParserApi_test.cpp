@@ -49,22 +49,20 @@ Bytes FalseSyncs(size_t count) {
   return junk;
 }
 
-struct StreamCase {
-  const char* what;
-  Bytes stream;
-  std::vector<Bytes> packets;
-  std::vector<ReportedFormat> formats;
-  bool fails;
-};
-
-std::vector<StreamCase> StreamCases() {
+TEST(StreamParserApi, FindsFramesAmongTagsJunkAndFormatChanges) {
   const std::vector<Bytes> a = Frames(k16kMono, 0, 10);
   const std::vector<Bytes> b = Frames(k16kMono, 10, 10);
   const std::vector<Bytes> other = Frames(k24kMono, 0, 10);
   const std::vector<Bytes> stereo = Frames(k44kStereo, 0, 10);
   const ReportedFormat mono16k{0, 16000, 1, 576};
   const std::vector<Bytes> ab = Concat(a, b);
-  return {
+  const struct {
+    const char* what;
+    Bytes stream;
+    std::vector<Bytes> packets;
+    std::vector<ReportedFormat> formats;
+    bool fails;
+  } cases[] = {
       {"4096 bytes of junk before the first frame", Join({Zeros(4096), Join(a)}), a, {mono16k}, false},
       {"4097 bytes of junk before the first frame", Join({Zeros(4097), Join(a)}), {}, {}, true},
       {"a tag, then 4096 bytes of junk", Join({Id3v2(Zeros(5000)), Zeros(4096), Join(a)}), a, {mono16k}, false},
@@ -76,10 +74,7 @@ std::vector<StreamCase> StreamCases() {
       {"a change of rate and channel count", Join({Join(a), Join(stereo)}), Concat(a, stereo),
        {mono16k, {10, 44100, 2, 1152}}, false},
   };
-}
-
-TEST(StreamParserApi, FindsFramesAmongTagsJunkAndFormatChanges) {
-  for (const StreamCase& example : StreamCases()) {
+  for (const auto& example : cases) {
     for (const size_t chunk : {example.stream.size(), size_t(1)}) {
       SCOPED_TRACE(std::string(example.what) + (chunk == 1 ? ", one byte at a time" : ", whole"));
       const ParsedStream parsed = ParseInChunks(example.stream, [&] { return chunk; });
