@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <future>
+#include <latch>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -68,19 +69,16 @@ TEST(Dispatch, MainQueueRunsTasksInPostingOrderOnOneOtherThread) {
 // at exit into a failure.
 void ExitWithTasksPending() {
   alarm(20);
-  std::promise<void> forever;  // never set: exit runs no destructor of this frame
-  std::shared_future<void> never = forever.get_future().share();
-  std::promise<void> globalStarted;
-  std::promise<void> mainStarted;
-  for (auto [queue, started] : {std::pair(dispatch_get_global_queue(0, 0), &globalStarted),
-                                std::pair(dispatch_get_main_queue(), &mainStarted)}) {
-    dispatch_async(queue, [started, never] {
-      started->set_value();
+  static std::promise<void> forever;  // never set
+  static const std::shared_future<void> never = forever.get_future().share();
+  static std::latch started(2);
+  for (dispatch_queue_t queue : {dispatch_get_global_queue(0, 0), dispatch_get_main_queue()}) {
+    dispatch_async(queue, [] {
+      started.count_down();
       never.wait();
     });
   }
-  globalStarted.get_future().wait();
-  mainStarted.get_future().wait();
+  started.wait();
   for (int i = 0; i < 10; ++i) dispatch_async(dispatch_get_main_queue(), [] {});
   std::exit(0);
 }

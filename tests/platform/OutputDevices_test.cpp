@@ -82,10 +82,7 @@ TEST(OutputDevices, WavOutputRecordsEachQueueInAFileOfItsOwn) {
     for (const auto& recorded : queues) {
       open.push_back(std::make_unique<TestQueue>(recorded.format, ""));
       if (recorded.audio.empty()) continue;
-      for (size_t at = 0; at < recorded.audio.size(); at += 2560) {
-        const size_t end = std::min(recorded.audio.size(), at + 2560);
-        open.back()->enqueue(std::vector<int16_t>(recorded.audio.begin() + long(at), recorded.audio.begin() + long(end)));
-      }
+      open.back()->enqueue(recorded.audio);
       ASSERT_EQ(AudioQueueStart(open.back()->handle(), nullptr), noErr);
       ASSERT_EQ(AudioQueueStop(open.back()->handle(), false), noErr);
       ASSERT_TRUE(open.back()->log().waitUntilStopped());

@@ -13,12 +13,13 @@ namespace output_queue_test {
 namespace {
 
 const AudioStreamBasicDescription kPcm = PcmFormat(16000);
+const AudioStreamBasicDescription kMp3 = {16000, kAudioFormatMPEGLayer3, 0, 0, 576, 0, 1, 0, 0};
 
 void IgnoreBuffer(void*, AudioQueueRef, AudioQueueBufferRef) {}
 
 TEST(OutputQueueLifecycle, BadFormatsArgumentsAndStatesGiveTheirStatus) {
   TestQueue pcm(kPcm);
-  TestQueue mp3(Mp3Format(16000, 1));
+  TestQueue mp3(kMp3);
   const auto create = [](AudioStreamBasicDescription format, auto change) {
     change(format);
     AudioQueueRef queue = nullptr;
@@ -51,15 +52,13 @@ TEST(OutputQueueLifecycle, BadFormatsArgumentsAndStatesGiveTheirStatus) {
     OSStatus expected;
   } cases[] = {
       {"AAC", create(kPcm, [](auto& f) { f.mFormatID = FourCC("aac "); }), kFormat},
-      {"8 bits", create(kPcm, [](auto& f) { f.mBitsPerChannel = 8; }), kFormat},
       {"3 channels", create(kPcm, [](auto& f) { f.mChannelsPerFrame = 3; }), kFormat},
       {"NaN rate", create(kPcm, [](auto& f) { f.mSampleRate = std::nan(""); }), kFormat},
-      {"MP3 at 17 kHz", create(Mp3Format(17000, 1), [](auto&) {}), kFormat},
+      {"MP3 at 17 kHz", create(kMp3, [](auto& f) { f.mSampleRate = 17000; }), kFormat},
       {"no format", AudioQueueNewOutput(nullptr, IgnoreBuffer, nullptr, nullptr, nullptr, 0, &queue), kParameter},
       {"allocate 64 MiB", AudioQueueAllocateBuffer(q, 64u << 20, &empty), kParameter},
       {"time before the first start", AudioQueueGetCurrentTime(q, nullptr, &time, nullptr),
        kAudioQueueErr_NotStarted},
-      {"start at a time", AudioQueueStart(q, &time), kParameter},
       {"another queue's buffer", AudioQueueEnqueueBuffer(q, mp3Buffer, 0, nullptr), kAudioQueueErr_InvalidBuffer},
       {"an empty buffer", AudioQueueEnqueueBuffer(q, empty, 0, nullptr), kAudioQueueErr_BufferEmpty},
       {"PCM with packets", AudioQueueEnqueueBuffer(q, buffer, 1, &whole), kParameter},
@@ -72,7 +71,6 @@ TEST(OutputQueueLifecycle, BadFormatsArgumentsAndStatesGiveTheirStatus) {
       {"volume above 1", AudioQueueSetParameter(q, kAudioQueueParam_Volume, 1.5f), kParameter},
       {"start a disposed queue", AudioQueueStart(disposed, nullptr), kAudioQueueErr_InvalidQueue},
       {"enqueue on it", AudioQueueEnqueueBuffer(disposed, buffer, 0, nullptr), kAudioQueueErr_InvalidQueue},
-      {"dispose it again", AudioQueueDispose(disposed, true), kAudioQueueErr_InvalidQueue},
       {"a handle never given", AudioQueuePause(reinterpret_cast<AudioQueueRef>(uintptr_t(1) << 60)),
        kAudioQueueErr_InvalidQueue},
   };

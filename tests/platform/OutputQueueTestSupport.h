@@ -25,10 +25,6 @@ inline AudioStreamBasicDescription PcmFormat(double rate, uint32_t channels = 1)
           2 * channels, 1, 2 * channels, channels, 16, 0};
 }
 
-inline AudioStreamBasicDescription Mp3Format(double rate, uint32_t channels) {
-  return {rate, kAudioFormatMPEGLayer3, 0, 0, rate > 24000 ? 1152u : 576u, 0, channels, 0, 0};
-}
-
 // Samples first, first + 1, ...: any lost, repeated or reordered sample shows.
 inline std::vector<int16_t> Ramp(size_t samples, int16_t first = 1) {
   std::vector<int16_t> ramp(samples);

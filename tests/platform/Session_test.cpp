@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr auto kDeadline = std::chrono::seconds(30);
-
 struct Received {
   std::string name;
   std::optional<int64_t> type;  // absent when the notification had no user info
@@ -24,50 +22,29 @@ struct Received {
   bool operator==(const Received&) const = default;
 };
 
-// Observes both session notifications for as long as it lives, from the caller's thread; its
-// handlers wait for `release`.
-class SessionObserver {
- public:
-  explicit SessionObserver(std::shared_future<void> release) : release_(std::move(release)) {
-    for (const char* name : {AVAudioSessionInterruptionNotification, AVAudioSessionRouteChangeNotification}) {
-      NotificationCenter::defaultCenter().addObserver(token_, [this](const Notification& n) { receive(n); }, name);
-    }
-  }
-  ~SessionObserver() {
-    for (const char* name : {AVAudioSessionInterruptionNotification, AVAudioSessionRouteChangeNotification}) {
-      NotificationCenter::defaultCenter().removeObserver(token_.get(), name);
-    }
-  }
-
-  std::vector<Received> waitFor(size_t count) {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, kDeadline, [&] { return received_.size() >= count; }));
-    return received_;
-  }
-
- private:
-  void receive(const Notification& notification) {
-    release_.wait();
-    std::optional<int64_t> type;
-    if (notification.userInfo) type = notification.userInfo->at(AVAudioSessionInterruptionTypeKey);
-    std::lock_guard lock(mutex_);
-    received_.push_back({notification.name, type, std::this_thread::get_id() == caller_});
-    changed_.notify_all();
-  }
-
-  const std::shared_ptr<int> token_ = std::make_shared<int>();
-  const std::thread::id caller_ = std::this_thread::get_id();
-  std::shared_future<void> release_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Received> received_;  // guarded by mutex_
-};
-
-// The interrupted state changes at the call while the first handler is still held: a caller never
-// waits for a handler, which may need the caller's locks.
+// The handlers are held until every call has returned, and the interrupted state has already
+// changed at each call: a caller never waits for a handler, which may need the caller's locks.
 TEST(AudioSession, HostEventsReachObserversOffTheCallersThreadInCallOrder) {
   std::promise<void> release;
-  SessionObserver observer(release.get_future().share());
+  const std::shared_future<void> released = release.get_future().share();
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<Received> received;  // guarded by mutex
+  const std::thread::id caller = std::this_thread::get_id();
+  const auto observer = std::make_shared<int>();  // unsubscribes when it dies
+  for (const char* name : {AVAudioSessionInterruptionNotification, AVAudioSessionRouteChangeNotification}) {
+    NotificationCenter::defaultCenter().addObserver(
+        observer,
+        [&](const Notification& notification) {
+          released.wait();
+          std::optional<int64_t> type;
+          if (notification.userInfo) type = notification.userInfo->at(AVAudioSessionInterruptionTypeKey);
+          std::lock_guard lock(mutex);
+          received.push_back({notification.name, type, std::this_thread::get_id() == caller});
+          changed.notify_all();
+        },
+        name);
+  }
   AudioSession& session = AudioSession::sharedInstance();
   session.beginInterruption();
   EXPECT_TRUE(session.isInterrupted());
@@ -78,8 +55,8 @@ TEST(AudioSession, HostEventsReachObserversOffTheCallersThreadInCallOrder) {
   session.postInterruption(std::nullopt);
   release.set_value();
 
-  const std::vector<Received> received = observer.waitFor(5);
-  ASSERT_EQ(received.size(), 5u);
+  std::unique_lock lock(mutex);
+  changed.wait_for(lock, std::chrono::seconds(30), [&] { return received.size() >= 5; });
   const std::vector<Received> expected = {
       {AVAudioSessionInterruptionNotification, AVAudioSessionInterruptionTypeBegan, false},
       {AVAudioSessionRouteChangeNotification, std::nullopt, false},
