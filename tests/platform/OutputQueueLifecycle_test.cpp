@@ -43,6 +43,7 @@ TEST(OutputQueueLifecycle, BadFormatsArgumentsAndStatesGiveTheirStatus) {
   AudioTimeStamp time{};
   uint32_t value = 0;
   uint32_t smallSize = 2;
+  uint32_t size = sizeof value;
   const AudioQueueRef q = pcm.handle();
   constexpr OSStatus kFormat = kAudioQueueErr_UnsupportedFormat;
   constexpr OSStatus kParameter = kAudioQueueErr_InvalidParameter;
@@ -66,6 +67,8 @@ TEST(OutputQueueLifecycle, BadFormatsArgumentsAndStatesGiveTheirStatus) {
       {"the same again", AudioQueueEnqueueBuffer(q, buffer, 0, nullptr), kAudioQueueErr_BufferInQueue},
       {"MP3 without packets", AudioQueueEnqueueBuffer(mp3.handle(), mp3Buffer, 0, nullptr), kParameter},
       {"packet past the end", AudioQueueEnqueueBuffer(mp3.handle(), mp3Buffer, 1, &pastTheEnd), kParameter},
+      {"property into null", AudioQueueGetProperty(q, kAudioQueueProperty_IsRunning, nullptr, &size),
+       kAudioQueueErr_InvalidProperty},
       {"property too small", AudioQueueGetProperty(q, kAudioQueueProperty_IsRunning, &value, &smallSize),
        kAudioQueueErr_InvalidProperty},
       {"volume above 1", AudioQueueSetParameter(q, kAudioQueueParam_Volume, 1.5f), kParameter},

@@ -11,7 +11,6 @@ const char* const k24kMono = "hold_m2_24k_vbr_lame_xing.mp3";
 // MPEG-1 44.1 kHz stereo (its Info frame is left out).
 const char* const k44kStereo = "hello_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3";
 
-// The audio frames [first, first + count) of a corpus file.
 std::vector<Bytes> Frames(const std::string& file, size_t first, size_t count) {
   const std::vector<Bytes> frames = AudioFrameBytes(file);
   return std::vector<Bytes>(frames.begin() + long(first), frames.begin() + long(first + count));
@@ -22,7 +21,6 @@ std::vector<Bytes> Concat(std::vector<Bytes> a, const std::vector<Bytes>& b) {
   return a;
 }
 
-// An ID3v2.3 tag around body.
 Bytes Id3v2(const Bytes& body) {
   const auto size = uint32_t(body.size());
   Bytes tag = {'I', 'D', '3', 3, 0, 0, uint8_t(size >> 21 & 0x7F), uint8_t(size >> 14 & 0x7F),
@@ -31,7 +29,6 @@ Bytes Id3v2(const Bytes& body) {
   return tag;
 }
 
-// An APEv2 tag with header and footer around body.
 Bytes Ape(const Bytes& body) {
   const auto size = uint32_t(body.size() + 32);
   return Join({ApeHeader(2000, size, 1u << 31 | 1u << 29), body, ApeHeader(2000, size, 1u << 31)});

@@ -1,4 +1,4 @@
-// The corpus's frame tables, and a recorder that feeds bytes to a real parser in chosen chunks.
+// The corpus's frame tables, and a real parser fed in chosen chunks.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace stream_parser_test {
 using Bytes = std::vector<uint8_t>;
 using namespace corpus;
 
-// One row of <name>.frames.tsv.
+// A row of <name>.frames.tsv.
 struct CorpusFrame {
   size_t offset;
   size_t size;
@@ -72,7 +72,6 @@ struct ReportedFormat {
   bool operator==(const ReportedFormat&) const = default;
 };
 
-// What a parser gave back for one stream.
 struct ParsedStream {
   std::vector<Bytes> packets;
   std::vector<ReportedFormat> formats;
