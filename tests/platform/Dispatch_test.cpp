@@ -69,11 +69,12 @@ TEST(Dispatch, MainQueueRunsTasksInPostingOrderOnOneOtherThread) {
 // at exit into a failure.
 void ExitWithTasksPending() {
   alarm(20);
-  static std::promise<void> forever;  // never set
-  static const std::shared_future<void> never = forever.get_future().share();
-  static std::latch started(2);
+  // Locals: exit destroys no object of this frame while the tasks still use them.
+  std::promise<void> forever;
+  const std::shared_future<void> never = forever.get_future().share();
+  std::latch started(2);
   for (dispatch_queue_t queue : {dispatch_get_global_queue(0, 0), dispatch_get_main_queue()}) {
-    dispatch_async(queue, [] {
+    dispatch_async(queue, [&started, never] {
       started.count_down();
       never.wait();
     });
