@@ -2,9 +2,12 @@
 // heard in SoundServer_test.cpp.
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <memory>
+#include <mutex>
 
 #include "Diagnostics/qen_log_control.h"
 #include "platform/OutputQueueTestSupport.h"

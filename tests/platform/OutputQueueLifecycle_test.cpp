@@ -1,8 +1,9 @@
 // The life of a queue and of its handles: statuses, disposal, and what may start it.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <future>
-#include <set>
+#include <mutex>
 
 #include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioSession.h"
