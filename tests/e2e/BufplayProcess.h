@@ -1,7 +1,5 @@
-// Shared by the Bufplay*_test.cpp files: runs the built bufplay as a child process, the way a user
-// does, and hands back what it wrote and how it ended. Standard input is /dev/null, or a pipe that
-// the test writes as a synthesizer would, and the outputs are pipes, so bufplay sees no terminal:
-// no live display, no keys.
+// Runs the built bufplay as a child process, the way a user does. Standard input is /dev/null or a
+// pipe the test writes as a synthesizer would; the outputs are pipes, so bufplay sees no terminal.
 #pragma once
 
 #include <fcntl.h>
@@ -17,7 +15,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -38,11 +35,11 @@ inline constexpr const char* kBufplay = BUFPLAY_PATH;
 inline constexpr const char* kBufplay = nullptr;
 #endif
 
-// Skips the calling test when the build has no bufplay (tools switched off).
 #define REQUIRE_BUFPLAY() \
   if (!bufplay_test::kBufplay) GTEST_SKIP() << "bufplay is not built (ABP_BUILD_TOOLS is OFF)"
 
 using corpus::CorpusPath;
+using corpus::ReadCorpusFile;
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -51,18 +48,15 @@ inline std::vector<uint8_t> ReadBytes(const std::string& path) {
 }
 
 inline void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-  ASSERT_TRUE(out.good()) << "cannot write " << path;
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
-// A folder of its own for each test, removed with everything in it.
 class ScratchFolder {
  public:
   ScratchFolder() {
     std::string pattern = testing::TempDir() + "bufplay-XXXXXX";
-    if (mkdtemp(pattern.data())) path_ = pattern;
-    EXPECT_FALSE(path_.empty()) << "mkdtemp: " << std::strerror(errno);
+    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+    path_ = pattern;
   }
   ~ScratchFolder() {
     std::error_code ignored;
@@ -76,33 +70,28 @@ class ScratchFolder {
 
 struct Outcome {
   int exitStatus = -1;  // 128 + signal when it was killed
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
-// What a test writes to bufplay's standard input: `first`, then, once standard output shows
-// `waitFor` (or, failing that, at the deadline), `rest`; then it closes the pipe.
+// Written to standard input: `first`, then, once standard output shows `waitFor` (or at the
+// deadline), `rest`; then the pipe closes.
 struct StandardInput {
   std::vector<uint8_t> first;
   std::string waitFor;
   std::vector<uint8_t> rest;
-  bool waitedInVain = false;  // set when `waitFor` never showed
+  bool waitedInVain = false;
 };
 
-// Runs bufplay with the arguments until it exits. A run that outlives the deadline is killed and
-// fails the test instead of hanging it.
-inline Outcome RunBufplay(const std::vector<std::string>& arguments,
-                          std::chrono::seconds deadline = std::chrono::seconds(120), StandardInput* input = nullptr) {
+// A run that outlives the deadline is killed and fails the test instead of hanging it.
+inline Outcome RunBufplay(const std::vector<std::string>& arguments, StandardInput* input = nullptr,
+                          std::chrono::seconds deadline = std::chrono::seconds(120)) {
   Outcome outcome;
-  std::array<int, 2> outPipe{};
-  std::array<int, 2> errPipe{};
-  std::array<int, 2> inPipe{};
-  if (pipe2(outPipe.data(), O_CLOEXEC) != 0 || pipe2(errPipe.data(), O_CLOEXEC) != 0 ||
-      pipe2(inPipe.data(), O_CLOEXEC) != 0) {
-    ADD_FAILURE() << "pipe: " << std::strerror(errno);
+  std::array<int, 2> outPipe{}, errPipe{}, inPipe{};
+  if (pipe2(outPipe.data(), O_CLOEXEC) || pipe2(errPipe.data(), O_CLOEXEC) || pipe2(inPipe.data(), O_CLOEXEC)) {
+    ADD_FAILURE() << "pipe failed";
     return outcome;
   }
-  signal(SIGPIPE, SIG_IGN);  // bufplay may stop reading early; the writer then sees EPIPE
+  signal(SIGPIPE, SIG_IGN);  // bufplay may stop reading early
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (input) {
@@ -118,16 +107,8 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments,
   pid_t child = 0;
   const int spawned = posix_spawn(&child, kBufplay, &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  close(outPipe[1]);
-  close(errPipe[1]);
-  close(inPipe[0]);
-  if (spawned != 0) {
-    ADD_FAILURE() << "cannot start " << kBufplay << ": " << std::strerror(spawned);
-    close(outPipe[0]);
-    close(errPipe[0]);
-    close(inPipe[1]);
-    return outcome;
-  }
+  for (const int end : {outPipe[1], errPipe[1], inPipe[0]}) close(end);
+  EXPECT_EQ(spawned, 0) << "cannot start " << kBufplay;
 
   const auto giveUpAt = std::chrono::steady_clock::now() + deadline;
   std::mutex outputMutex;
@@ -138,15 +119,15 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments,
       for (size_t done = 0; done < bytes.size();) {
         const ssize_t written = write(inPipe[1], bytes.data() + done, bytes.size() - done);
         if (written < 0 && errno != EINTR) return;
-        if (written > 0) done += size_t(written);
+        done += size_t(std::max<ssize_t>(written, 0));
       }
     };
-    if (input) {
+    if (input && spawned == 0) {
       writeAll(input->first);
       std::unique_lock lock(outputMutex);
-      outputGrew.wait_until(lock, giveUpAt,
-                            [&] { return outputEnded || outcome.out.find(input->waitFor) != std::string::npos; });
-      input->waitedInVain = outcome.out.find(input->waitFor) == std::string::npos;
+      const auto shown = [&] { return outcome.out.find(input->waitFor) != std::string::npos; };
+      outputGrew.wait_until(lock, giveUpAt, [&] { return outputEnded || shown(); });
+      input->waitedInVain = !shown();
       lock.unlock();
       writeAll(input->rest);
     }
@@ -154,7 +135,7 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments,
   });
   std::array<pollfd, 2> pipes{{{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}}};
   std::array<std::string*, 2> sinks{&outcome.out, &outcome.err};
-  bool killed = false;
+  bool killed = spawned != 0;
   while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(giveUpAt - std::chrono::steady_clock::now());
     if (left.count() <= 0 && !killed) {
@@ -184,20 +165,9 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments,
   outputGrew.notify_all();
   writer.join();
   int status = 0;
-  waitpid(child, &status, 0);
+  if (spawned == 0) waitpid(child, &status, 0);
   outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return outcome;
-}
-
-// Lines of text, without their line ends.
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    lines.push_back(text.substr(start, end - start));
-  }
-  if (start < text.size()) lines.push_back(text.substr(start));
-  return lines;
 }
 
 }  // namespace bufplay_test

@@ -1,18 +1,11 @@
 // Plays one sentence through the real player and platform, in this process, into the "wav:PATH"
-// output faster than real time: the first chunk by playData, the rest by appendAudioData, all on
-// one producer thread (which the player blocks while every buffer is in flight, so the producer
-// stays ahead of playback). Hands back what each call returned, every report of the delegate and
-// what each output queue recorded.
+// output: the first chunk by playData, the rest by appendAudioData, on one producer thread (which
+// the player blocks while every buffer is in flight, so the producer stays ahead of playback).
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <filesystem>
 #include <future>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevices.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
@@ -37,6 +30,7 @@ struct SentenceOutcome {
   std::vector<Recording> recordings;         // one per output queue opened, in order
 };
 
+// `endReport` ends the sentence; with none, the player is stopped once everything was fed.
 inline SentenceOutcome PlaySentence(const std::vector<Chunk>& chunks, const std::string& endReport, double speed) {
   ScratchFolder scratch;
   SentenceOutcome outcome;
@@ -64,7 +58,6 @@ inline SentenceOutcome PlaySentence(const std::vector<Chunk>& chunks, const std:
     player->stop();  // lets it return
   }
   outcome.results = producer.get();
-  // The report that ends the sentence; with none, the player is stopped once everything was fed.
   if (!endReport.empty()) {
     EXPECT_TRUE(delegate->waitFor(endReport));
   }
