@@ -30,8 +30,8 @@ TEST_P(BufplayBadRun, ExitsWithOneLineNamingTheProblem) {
     if (argument == "HELLO") argument = CorpusPath("hello_s16le_16000.pcm");
     if (argument == "GARBAGE") argument = CorpusPath("bad_random_bytes_16k.mp3");
   }
-  StandardInput input{GetParam().standardInput, "", {}};
-  const Outcome outcome = RunBufplay(arguments, &input);
+  WriteBytes(scratch.file("stdin"), GetParam().standardInput);
+  const Outcome outcome = RunBufplay(arguments, scratch.file("stdin"));
   EXPECT_EQ(outcome.exitStatus, GetParam().exitStatus);
   EXPECT_EQ(outcome.out, "");
   EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;

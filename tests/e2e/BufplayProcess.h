@@ -1,26 +1,21 @@
-// Runs the built bufplay as a child process, the way a user does. Standard input is /dev/null or a
-// pipe the test writes as a synthesizer would; the outputs are pipes, so bufplay sees no terminal.
+// Runs the built bufplay as a child process, the way a user does, with files or pipes for its
+// standard streams, so that it sees no terminal.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <chrono>
-#include <condition_variable>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "corpus/Corpus.h"
@@ -68,105 +63,55 @@ class ScratchFolder {
   std::string path_;
 };
 
-struct Outcome {
-  int exitStatus = -1;  // 128 + signal when it was killed
-  std::string out, err;
-};
-
-// Written to standard input: `first`, then, once standard output shows `waitFor` (or at the
-// deadline), `rest`; then the pipe closes.
-struct StandardInput {
-  std::vector<uint8_t> first;
-  std::string waitFor;
-  std::vector<uint8_t> rest;
-  bool waitedInVain = false;
-};
-
-// A run that outlives the deadline is killed and fails the test instead of hanging it.
-inline Outcome RunBufplay(const std::vector<std::string>& arguments, StandardInput* input = nullptr,
-                          std::chrono::seconds deadline = std::chrono::seconds(120)) {
-  Outcome outcome;
-  std::array<int, 2> outPipe{}, errPipe{}, inPipe{};
-  if (pipe2(outPipe.data(), O_CLOEXEC) || pipe2(errPipe.data(), O_CLOEXEC) || pipe2(inPipe.data(), O_CLOEXEC)) {
-    ADD_FAILURE() << "pipe failed";
-    return outcome;
-  }
-  signal(SIGPIPE, SIG_IGN);  // bufplay may stop reading early
+// Starts bufplay with the arguments and these file descriptors as its standard streams.
+inline pid_t StartBufplay(const std::vector<std::string>& arguments, int in, int out, int err) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (input) {
-    posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  }
-  posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   std::vector<char*> argv{const_cast<char*>(kBufplay)};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
-  pid_t child = 0;
-  const int spawned = posix_spawn(&child, kBufplay, &actions, nullptr, argv.data(), environ);
+  pid_t child = -1;
+  EXPECT_EQ(posix_spawn(&child, kBufplay, &actions, nullptr, argv.data(), environ), 0) << "cannot start " << kBufplay;
   posix_spawn_file_actions_destroy(&actions);
-  for (const int end : {outPipe[1], errPipe[1], inPipe[0]}) close(end);
-  EXPECT_EQ(spawned, 0) << "cannot start " << kBufplay;
+  return child;
+}
 
-  const auto giveUpAt = std::chrono::steady_clock::now() + deadline;
-  std::mutex outputMutex;
-  std::condition_variable outputGrew;
-  bool outputEnded = false;  // guarded by outputMutex, as outcome.out is while the writer runs
-  std::thread writer([&] {
-    const auto writeAll = [&](const std::vector<uint8_t>& bytes) {
-      for (size_t done = 0; done < bytes.size();) {
-        const ssize_t written = write(inPipe[1], bytes.data() + done, bytes.size() - done);
-        if (written < 0 && errno != EINTR) return;
-        done += size_t(std::max<ssize_t>(written, 0));
-      }
-    };
-    if (input && spawned == 0) {
-      writeAll(input->first);
-      std::unique_lock lock(outputMutex);
-      const auto shown = [&] { return outcome.out.find(input->waitFor) != std::string::npos; };
-      outputGrew.wait_until(lock, giveUpAt, [&] { return outputEnded || shown(); });
-      input->waitedInVain = !shown();
-      lock.unlock();
-      writeAll(input->rest);
-    }
-    close(inPipe[1]);
-  });
-  std::array<pollfd, 2> pipes{{{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}}};
-  std::array<std::string*, 2> sinks{&outcome.out, &outcome.err};
-  bool killed = spawned != 0;
-  while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(giveUpAt - std::chrono::steady_clock::now());
-    if (left.count() <= 0 && !killed) {
-      ADD_FAILURE() << "bufplay still ran after " << deadline.count() << " s; killed";
-      kill(child, SIGKILL);
-      killed = true;
-    }
-    poll(pipes.data(), pipes.size(), killed ? -1 : int(std::max<int64_t>(left.count(), 0)));
-    for (size_t index = 0; index < pipes.size(); ++index) {
-      if (pipes[index].fd < 0 || pipes[index].revents == 0) continue;
-      char block[4096];
-      const ssize_t got = read(pipes[index].fd, block, sizeof block);
-      if (got > 0) {
-        std::lock_guard lock(outputMutex);
-        sinks[index]->append(block, size_t(got));
-      } else if (got == 0 || errno != EINTR) {
-        close(pipes[index].fd);
-        pipes[index].fd = -1;
-      }
-      outputGrew.notify_all();
-    }
+// Its exit status (128 + signal when it was killed). One that outlives the deadline is killed and
+// fails the test instead of hanging it.
+inline int AwaitBufplay(pid_t child, int deadlineSeconds = 120) {
+  if (child <= 0) return -1;
+  pollfd exited{int(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+  if (poll(&exited, 1, deadlineSeconds * 1000) == 0) {
+    ADD_FAILURE() << "bufplay still ran after " << deadlineSeconds << " s; killed";
+    kill(child, SIGKILL);
   }
-  {
-    std::lock_guard lock(outputMutex);
-    outputEnded = true;
-  }
-  outputGrew.notify_all();
-  writer.join();
+  close(exited.fd);
   int status = 0;
-  if (spawned == 0) waitpid(child, &status, 0);
-  outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+struct Outcome {
+  int exitStatus = -1;
+  std::string out, err;
+};
+
+// Runs bufplay to its end with standard input read from `input`.
+inline Outcome RunBufplay(const std::vector<std::string>& arguments, const std::string& input = "/dev/null") {
+  ScratchFolder outputs;
+  const int in = open(input.c_str(), O_RDONLY | O_CLOEXEC);
+  const int out = open(outputs.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const int err = open(outputs.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const pid_t child = StartBufplay(arguments, in, out, err);
+  for (const int fd : {in, out, err}) close(fd);
+  Outcome outcome;
+  outcome.exitStatus = AwaitBufplay(child);
+  const std::vector<uint8_t> outBytes = ReadBytes(outputs.file("out")), errBytes = ReadBytes(outputs.file("err"));
+  outcome.out.assign(outBytes.begin(), outBytes.end());
+  outcome.err.assign(errBytes.begin(), errBytes.end());
   return outcome;
 }
 

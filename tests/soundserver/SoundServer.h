@@ -1,8 +1,7 @@
 // A private PulseAudio daemon with one null sink, for tests that play through the machine's sound
 // output as a user's desktop would: PortAudio -> ALSA -> the ALSA pulse plugin -> the daemon. It
 // lives in a temporary folder (HOME, runtime and state paths, ALSA configuration), so a user's own
-// sound server is never touched, and it works as root (CI). The sink's monitor is recorded with
-// parec; paplay plays the same data as the reference.
+// sound server is never touched, and it works as root. The sink's monitor is recorded with parec.
 //
 // The process environment is pointed at the daemon: create the server before anything in the
 // process sets PortAudio or ALSA up.
@@ -32,8 +31,9 @@ extern char** environ;
 namespace sound_server_test {
 
 inline constexpr uint32_t kRecordRate = 16000;
+inline constexpr const char* kSink = "abp_sink";
 
-// Runs `args` with standard output to `stdoutFd` (-1: /dev/null). Returns its pid, or -1.
+// Standard output to `stdoutFd` (-1: /dev/null), standard error to /dev/null. Returns the pid, or -1.
 inline pid_t Spawn(const std::vector<std::string>& args, int stdoutFd = -1) {
   std::vector<char*> argv;
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -52,31 +52,16 @@ inline pid_t Spawn(const std::vector<std::string>& args, int stdoutFd = -1) {
   return failed == 0 ? pid : -1;
 }
 
-// Runs `args` to its end; returns whether it exited with 0.
-inline bool RunToEnd(const std::vector<std::string>& args) {
-  const pid_t pid = Spawn(args);
-  int status = 0;
-  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 class SoundServer {
  public:
-  static constexpr const char* kSink = "abp_sink";
-
   SoundServer() {
     char pattern[] = "/tmp/abp-pulse-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-      failure_ = "cannot create a temporary folder";
-      return;
-    }
-    dir_ = pattern;
+    dir_ = mkdtemp(pattern) ? pattern : "";
     const std::string home = dir_ + "/home", socket = dir_ + "/native";
     std::filesystem::create_directories(home);
-    std::ofstream(dir_ + "/server.pa") << "load-module module-null-sink sink_name=" << kSink
-                                       << " rate=48000 channels=2\n"
+    std::ofstream(dir_ + "/server.pa") << "load-module module-null-sink sink_name=" << kSink << " rate=48000 channels=2\n"
                                        << "load-module module-native-protocol-unix socket=" << socket
-                                       << " auth-anonymous=1\n"
-                                       << "set-default-sink " << kSink << "\n";
+                                       << " auth-anonymous=1\nset-default-sink " << kSink << "\n";
     // ALSA's default device goes to this daemon; ALSA reads ~/.asoundrc on top of its own setup.
     std::ofstream(home + "/.asoundrc") << "pcm.!default { type pulse server \"unix:" << socket << "\" }\n"
                                        << "ctl.!default { type pulse server \"unix:" << socket << "\" }\n";
@@ -87,17 +72,14 @@ class SoundServer {
     setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
     // Daemonised, pulseaudio returns once it is ready to serve, or has failed. Should this process
     // die before it ends the daemon, the daemon ends itself once no client has been left for 20 s.
-    started_ = RunToEnd({"pulseaudio", "--daemonize=yes", "--system=false", "-n", "-F", dir_ + "/server.pa",
-                         "--exit-idle-time=20", "--disallow-exit", "--use-pid-file=yes", "--disable-shm=yes",
-                         "--log-target=file:" + dir_ + "/daemon.log"});
+    const pid_t starter = Spawn({"pulseaudio", "--daemonize=yes", "--system=false", "-n", "-F", dir_ + "/server.pa",
+                                 "--exit-idle-time=20", "--disallow-exit", "--use-pid-file=yes", "--disable-shm=yes",
+                                 "--log-target=file:" + dir_ + "/daemon.log"});
+    if (starter > 0) waitpid(starter, nullptr, 0);
     std::ifstream(dir_ + "/runtime/pid") >> daemon_;
-    started_ = started_ && daemon_ > 0;
-    if (!started_) {
-      failure_ = "the PulseAudio daemon did not start (is pulseaudio installed? its log: " + dir_ + "/daemon.log)";
-    }
   }
 
-  // Ends the daemon, waits until it has (it writes into the folder as it goes), removes the folder.
+  // Waits until the daemon has ended (it writes into the folder as it goes), then removes the folder.
   ~SoundServer() {
     if (daemon_ > 0) {
       const int exited = int(syscall(SYS_pidfd_open, daemon_, 0));
@@ -108,23 +90,18 @@ class SoundServer {
         close(exited);
       }
     }
-    if (!dir_.empty()) {
-      std::error_code ignored;
-      std::filesystem::remove_all(dir_, ignored);
-    }
+    std::error_code ignored;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
   }
-  SoundServer(const SoundServer&) = delete;
-  SoundServer& operator=(const SoundServer&) = delete;
 
-  bool started() const { return started_; }
-  const std::string& failure() const { return failure_; }
-  const std::string& folder() const { return dir_; }
+  bool started() const { return daemon_ > 0; }
+  std::string failure() const {
+    return "the PulseAudio daemon did not start (is pulseaudio installed? its log: " + dir_ + "/daemon.log)";
+  }
 
  private:
   std::string dir_;
   pid_t daemon_ = -1;
-  bool started_ = false;
-  std::string failure_;
 };
 
 // Records the sink's monitor (mono, 16 kHz) with parec from construction to stop(), and notes when
@@ -136,7 +113,7 @@ class MonitorRecording {
   MonitorRecording() {
     int fds[2];
     if (pipe(fds) != 0) return;
-    pid_ = Spawn({"parec", std::string("--device=") + SoundServer::kSink + ".monitor", "--format=s16le",
+    pid_ = Spawn({"parec", std::string("--device=") + kSink + ".monitor", "--format=s16le",
                   "--rate=" + std::to_string(kRecordRate), "--channels=1", "--latency-msec=10", "--raw"},
                  fds[1]);
     close(fds[1]);
@@ -144,7 +121,7 @@ class MonitorRecording {
   }
   ~MonitorRecording() { stop(); }
 
-  // Waits until the monitor delivers (it runs all the time, silence included). False if it never does.
+  // The monitor delivers all the time, silence included, once it runs.
   bool waitUntilRecording() {
     std::unique_lock lock(mutex_);
     return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !samples_.empty() || ended_; }) &&
@@ -162,7 +139,6 @@ class MonitorRecording {
 
   // After stop().
   const std::vector<int16_t>& samples() const { return samples_; }
-  // After stop(): how many samples had arrived by `when`.
   size_t samplesBy(Clock::time_point when) const {
     size_t count = 0;
     for (const auto& [time, total] : arrivals_) {
@@ -174,16 +150,12 @@ class MonitorRecording {
 
  private:
   void read(int fd) {
-    std::vector<int16_t> piece(1024);
-    for (;;) {
-      const ssize_t got = ::read(fd, piece.data(), piece.size() * sizeof(int16_t));
-      if (got <= 0) break;
+    std::vector<uint8_t> piece(2048);
+    for (ssize_t got; (got = ::read(fd, piece.data(), piece.size())) > 0;) {
       std::lock_guard lock(mutex_);
-      const size_t bytes = pending_.size() + size_t(got);
-      pending_.insert(pending_.end(), reinterpret_cast<uint8_t*>(piece.data()),
-                      reinterpret_cast<uint8_t*>(piece.data()) + got);
-      for (size_t i = 0; i + 1 < bytes; i += 2) samples_.push_back(int16_t(pending_[i] | pending_[i + 1] << 8));
-      pending_.erase(pending_.begin(), pending_.begin() + long(bytes & ~size_t(1)));
+      pending_.insert(pending_.end(), piece.begin(), piece.begin() + got);
+      for (size_t i = 0; i + 1 < pending_.size(); i += 2) samples_.push_back(int16_t(pending_[i] | pending_[i + 1] << 8));
+      pending_.erase(pending_.begin(), pending_.begin() + std::ptrdiff_t(pending_.size() & ~size_t(1)));
       arrivals_.emplace_back(Clock::now(), samples_.size());
       arrived_.notify_all();
     }

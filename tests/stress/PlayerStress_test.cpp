@@ -1,16 +1,12 @@
-// Plan: several players on the real platform (the null output, many times faster than real time),
-// each fed sentences of the corpus's speech, PCM and MP3, in random chunk sizes by a producer thread
-// of its own, while two other threads pause, resume, stop, start, change the volume and the session
-// configuration, take and give back session uses, interrupt the session, change its route and drop
-// players, in an order drawn from a seed. Round after round, until the time budget is spent.
-// Meant for the sanitizer builds: ThreadSanitizer fails the run on a data race, AddressSanitizer on
-// a use after free or a leak.
-// Checked: nothing hangs (the watchdog); every sentence ends, and exactly one end reaches its
-// delegate (PlaybackFinished, or an error that ends a sentence), or at most one when the client
-// stopped or released the player;
-// every delegate call comes for its own, living player; in the end no player or delegate is left
-// and the process-wide session count is back to 0.
-// Not here: what is heard, the order of reports (the unit and end-to-end tests).
+// Several players on the real platform (the null output, faster than real time), each fed corpus
+// sentences, PCM and MP3, in random chunk sizes by a producer thread of its own, while two other
+// threads pause, resume, stop, start, change the volume and the session configuration, take and give
+// back session uses, interrupt the session, change its route and drop players, in an order drawn
+// from a seed. Meant for the sanitizer builds, which fail the run on a race, a use after free or a
+// leak. Checked: nothing hangs (the watchdog); every sentence that started ends exactly once, or at
+// most once when the client stopped or released the player; every delegate call comes for its own,
+// living player; in the end no player or delegate is left and no session use is held.
+// Not here: what is heard, the order of reports.
 //
 // ABP_STRESS_SEED=<n> replays a run's choices (the thread schedule is the machine's);
 // ABP_STRESS_SECONDS=<s> changes the time budget.
@@ -29,10 +25,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <stop_token>
-#include <string>
 #include <optional>
 #include <random>
+#include <stop_token>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -55,7 +51,6 @@ constexpr int kPlayers = 4;
 constexpr int kChaosThreads = 2;
 constexpr int kSentencesPerRound = 2;
 constexpr int kMaxChaosOperationsPerRound = 60;
-constexpr double kOutputSpeed = 8.0;
 constexpr double kTeardownSeconds = 30;
 constexpr auto kStall = std::chrono::seconds(10);
 
@@ -96,36 +91,34 @@ void WatchForStalls(std::stop_token stop) {
 std::mutex violationMutex;
 std::string violation;  // the first broken promise any delegate saw; guarded by violationMutex
 
+void Violated(const std::string& what) {
+  std::lock_guard lock(violationMutex);
+  if (violation.empty()) violation = what;
+}
+
 std::string FirstViolation() {
   std::lock_guard lock(violationMutex);
   return violation;
 }
 
 // One for every feeding call, so that each playing of a sentence has a delegate of its own: reports
-// go to the delegate of the playData that started the playing, and a chunk appended after a stop
-// and a start starts a new playing with the delegate of that call. A delegate that saw
-// playerWillStartPlayback must see its playing end: PlaybackFinished, an error that ends a sentence,
-// or a stop or release of the player while it was the player's delegate. When it goes (after the
-// last report posted to it), it counts the ends it received.
-// It may be handed the client's last reference to the player and drop it in its next call made
-// outside the player's locks: the player then goes away on the output queue's callback thread or
-// on a thread of the work queue.
+// go to the delegate of the call that started the playing. When it goes (after the last report
+// posted to it), it counts the ends it received. It may be handed the client's last reference to
+// the player and drop it in its next call made outside the player's locks: the player then goes
+// away on the output queue's callback thread or on a thread of the work queue.
 class SentenceDelegate final : public AudioBufPlayerDelegate {
  public:
   explicit SentenceDelegate(AudioBufPlayer* player) : player_(player) { live.fetch_add(1); }
   ~SentenceDelegate() override {
     const int ends = ends_.load();
     if (ends > 1 || (started_.load() && !endedByClient_.load() && ends == 0)) {
-      std::lock_guard lock(violationMutex);
-      if (violation.empty()) violation = "a sentence had " + std::to_string(ends) + " ends";
+      Violated("a sentence had " + std::to_string(ends) + " ends");
     }
     live.fetch_sub(1);
   }
   static inline std::atomic<int> live{0};
 
-  // Final once the feeding call has returned.
-  bool started() const { return started_.load(); }
-  // Ending a playing that never began does no harm.
+  bool started() const { return started_.load(); }  // final once the feeding call has returned
   void end() {
     ended_.store(true);
     ended_.notify_all();
@@ -135,61 +128,48 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
     endedByClient_.store(true);
     end();
   }
-  // The watchdog catches a playing that never ends.
-  void awaitEnd() const { ended_.wait(false); }
+  void awaitEnd() const { ended_.wait(false); }  // the watchdog catches a playing that never ends
   void holdUntilNextCall(std::shared_ptr<AudioBufPlayer> player) {
     std::lock_guard lock(mutex_);
     handedOver_ = std::move(player);
   }
 
   void playerWillStartPlayback(AudioBufPlayer* player) override {
-    check(player, "playerWillStartPlayback");
+    check(player);
     started_.store(true);
   }
-  void updatedTotalLength(double, AudioBufPlayer* player) override { check(player, "updatedTotalLength"); }
+  void updatedTotalLength(double, AudioBufPlayer* player) override { check(player); }
   // The other calls are made outside the player's locks, where the player may go away.
-  void playProgressChanged(double, AudioBufPlayer* player) override { check(player, "playProgress", true); }
-  void aboutToEnd(AudioBufPlayer* player) override { check(player, "aboutToEnd", true); }
-  void PlaybackFinished(AudioBufPlayer* player) override {
-    ends_.fetch_add(1);
-    check(player, "PlaybackFinished", true, true);
-  }
-  // The others (no buffer, failed start) leave the sentence going on to its PlaybackFinished. Of
-  // parse failures only those before any audio end it, and any parse failure fails the run.
+  void playProgressChanged(double, AudioBufPlayer* player) override { check(player, true); }
+  void aboutToEnd(AudioBufPlayer* player) override { check(player, true); }
+  void PlaybackFinished(AudioBufPlayer* player) override { check(player, true, true); }
+  // The other errors leave the sentence going on to its PlaybackFinished.
   void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string&) override {
-    const bool ends = error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES ||
-                      error == AudioBufPlayerError_FAILED_OPEN_DEVICE ||
-                      error == AudioBufPlayerError_FAILED_PARSE_STREAM;
-    if (ends) ends_.fetch_add(1);
-    check(player, "PlayerError", true, ends);
+    check(player, true,
+          error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES || error == AudioBufPlayerError_FAILED_OPEN_DEVICE ||
+              error == AudioBufPlayerError_FAILED_PARSE_STREAM);
   }
-  void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer* player) override {
-    check(player, "PlayerWasPaused", true);
-  }
-  void PlayerWasResumed(AudioBufPlayer* player) override { check(player, "PlayerWasResumed", true); }
+  void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer* player) override { check(player, true); }
+  void PlayerWasResumed(AudioBufPlayer* player) override { check(player, true); }
 
  private:
-  // What must hold whatever the interleaving: the call comes for the player the delegate was given
-  // to, and whoever calls holds that player, so its destruction has not begun.
-  void check(AudioBufPlayer* player, const char* call, bool dropsHandedOver = false, bool ends = false) {
+  // Whatever the interleaving, the call comes for the player the delegate was given to, and whoever
+  // calls holds that player, so its destruction has not begun.
+  void check(AudioBufPlayer* player, bool dropsHandedOver = false, bool ends = false) {
     Progress();
-    const char* broken = player != player_                  ? " came for another player"
-                         : !player->weak_from_this().lock() ? " came while the player was being destroyed"
-                                                            : nullptr;
-    if (broken) {
-      std::lock_guard lock(violationMutex);
-      if (violation.empty()) violation = std::string(call) + broken;
+    if (player != player_) Violated("a delegate call came for another player");
+    if (!player->weak_from_this().lock()) Violated("a delegate call came while the player was being destroyed");
+    if (ends) {
+      ends_.fetch_add(1);
+      end();
     }
-    if (ends) end();
     std::shared_ptr<AudioBufPlayer> handedOver;  // released after the lock
     std::lock_guard lock(mutex_);
     if (dropsHandedOver) handedOver = std::move(handedOver_);
   }
 
   AudioBufPlayer* const player_;
-  std::atomic<bool> started_{false};
-  std::atomic<bool> ended_{false};
-  std::atomic<bool> endedByClient_{false};
+  std::atomic<bool> started_{false}, ended_{false}, endedByClient_{false};
   std::atomic<int> ends_{0};
   std::mutex mutex_;
   std::shared_ptr<AudioBufPlayer> handedOver_;  // guarded by mutex_
@@ -233,13 +213,12 @@ struct Slot {
   bool managedThroughout = false;
 };
 
-// A stop or release ends the playing whose start set the player's delegate: a feeding call that
-// comes after the stop is refused, or (after a start) starts a playing with a delegate of its own.
+// A stop or release ends the playing whose start set the player's delegate. The caller holds
+// slot.mutex, so no start comes between the stop and the look at the delegate.
 std::shared_ptr<SentenceDelegate> DelegateOf(AudioBufPlayer& player) {
   return std::dynamic_pointer_cast<SentenceDelegate>(player.delegate());
 }
 
-// Caller holds slot.mutex, so no start comes between the stop and the look at the delegate.
 void Stop(Slot& slot) {
   slot.player->stop();
   if (auto delegate = DelegateOf(*slot.player)) delegate->endByClient();
@@ -259,7 +238,7 @@ class PlayerStress {
       threads.emplace_back([this, chaos, number] { disturb(random(number, kPlayers + chaos)); });
     }
     for (std::thread& thread : threads) thread.join();
-    // Until here every delegate of the round was kept, so that a second end would have reached it.
+    // Every delegate of the round was kept until here, so that a second end would have reached it.
     // They go outside the lock: one may hold the client's last reference to its player.
     std::vector<std::shared_ptr<SentenceDelegate>> delegates;
     std::lock_guard lock(delegatesMutex_);
@@ -275,8 +254,8 @@ class PlayerStress {
       player = std::move(slot.player);
       lifetimes.push_back(slot.lifetime);
     }
-    // Players outlive their client by the tasks they posted (the longest holds the session for a
-    // while after the last sentence) and by the queue callbacks in progress, which may post more.
+    // Players outlive their client by the tasks they posted and by the queue callbacks in progress,
+    // which may post more.
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
     EXPECT_TRUE(AudioQueueWaitForReleases(kTeardownSeconds));
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
@@ -295,7 +274,6 @@ class PlayerStress {
       static const std::optional<std::string> categories[] = {"playback", std::nullopt, ""};
       const bool managing = random() % 4 != 0;
       slot.player = AudioBufPlayer::initWithAudioSessionCategory(categories[random() % 3], random() % 4, managing);
-      ASSERT_TRUE(slot.player);
       slot.player->start();
       slot.client = slot.player;
       slot.lifetime = slot.player->weak_from_this();
@@ -315,8 +293,7 @@ class PlayerStress {
 
   // Returns the delegates of the playings that the sentence's chunks started: usually one; none
   // when the player was stopped or released; more when a stop and a start came in the middle.
-  std::vector<std::shared_ptr<SentenceDelegate>> feed(Slot& slot, const SentenceAudio& audio,
-                                                      std::mt19937_64& random) {
+  std::vector<std::shared_ptr<SentenceDelegate>> feed(Slot& slot, const SentenceAudio& audio, std::mt19937_64& random) {
     std::vector<std::shared_ptr<SentenceDelegate>> playings;
     const auto endAll = [&] {
       for (const auto& playing : playings) playing->endByClient();
@@ -326,8 +303,7 @@ class PlayerStress {
     for (size_t position = 0; position < audio.bytes.size();) {
       // Mostly a few KiB, sometimes a handful of bytes, which splits MP3 frames and PCM samples.
       const size_t size = random() % 8 == 0 ? 1 + random() % 16 : 1 + random() % 4096;
-      const std::span<const uint8_t> chunk(audio.bytes.data() + position,
-                                           std::min(size, audio.bytes.size() - position));
+      const std::span<const uint8_t> chunk(audio.bytes.data() + position, std::min(size, audio.bytes.size() - position));
       std::shared_ptr<AudioBufPlayer> player;
       {
         std::lock_guard lock(slot.mutex);
@@ -347,8 +323,7 @@ class PlayerStress {
       if (delegate->started()) playings.push_back(delegate);
       {
         std::lock_guard lock(slot.mutex);
-        // Released during the call: this thread's reference may be the last, and the playing ends
-        // when it goes.
+        // Released during the call: this thread's reference may be the last.
         if (!slot.player) return endAll();
         if (!first && delegate->started()) {
           // A stop and a start came before this chunk, which began a sentence of its own with the
@@ -368,31 +343,25 @@ class PlayerStress {
     return playings;
   }
 
-  // Transport, volume and session operations in random order, then what lets every sentence end:
-  // the interruption's end, every session use given back, resume and start.
+  // Operations in random order, then what lets every sentence end: the interruption's end, every
+  // session use given back, resume and start.
   void disturb(std::mt19937_64 random) {
     std::vector<bool> heldSessionUses;  // the management flag of each use taken
     bool interrupted = false;
     AudioSession& session = AudioSession::sharedInstance();
+    static const std::optional<std::string> categories[] = {"playback", "ambient", "", std::nullopt};
     const int operations = 1 + int(random() % kMaxChaosOperationsPerRound);
     for (int n = 0; n < operations; ++n, Progress()) {
-      // Spreads the operations over the round instead of spending them all before the first chunk.
-      // It waits for nothing: any interleaving is a valid one.
+      // Spreads the operations over the round; it waits for nothing: any interleaving is valid.
       std::this_thread::sleep_for(std::chrono::microseconds(500));
       Slot& slot = slots_[random() % kPlayers];
       std::unique_lock lock(slot.mutex);
       if (!slot.player) continue;
       std::shared_ptr<AudioBufPlayer> player = slot.player;
       switch (random() % 16) {
-        case 0:
-          player->pause();
-          slot.pausedByClient = true;
-          break;
+        case 0: player->pause(); slot.pausedByClient = true; break;
         case 1:
-        case 2:
-          player->resume();
-          slot.pausedByClient = false;
-          break;
+        case 2: player->resume(); slot.pausedByClient = false; break;
         case 3:
           Stop(slot);
           if (random() % 2) player->start();  // skipping a sentence, rather than stopping for good
@@ -400,16 +369,9 @@ class PlayerStress {
         case 4:
         case 5: player->start(); break;
         case 6: player->setVolume(float(random() % 12) / 10 - 0.1f); break;  // a negative one is not applied
-        case 7:
-          player->updateAVSessionManagementEnabled(random() % 2);
-          slot.managedThroughout = false;
-          break;
+        case 7: player->updateAVSessionManagementEnabled(random() % 2); slot.managedThroughout = false; break;
         case 8: player->updateAudioCategoryOptions(random() % 4); break;
-        case 9: {
-          static const std::optional<std::string> categories[] = {"playback", "ambient", "", std::nullopt};
-          player->updateAudioCategory(categories[random() % 4]);
-          break;
-        }
+        case 9: player->updateAudioCategory(categories[random() % 4]); break;
         case 10:
           lock.unlock();
           if (!heldSessionUses.empty() && random() % 2) {
@@ -471,8 +433,7 @@ TEST(PlayerStress, RandomInterleavingsNeitherRaceNorHangNorLeakAndEverySentenceE
   std::printf("stress: seed %" PRIu64 " (ABP_STRESS_SEED=%" PRIu64 " replays it), budget %lld s\n", seed, seed,
               static_cast<long long>(budget.count()));
   std::fflush(stdout);
-  ASSERT_EQ(AudioOutputSelect("null", kOutputSpeed), noErr);
-
+  ASSERT_EQ(AudioOutputSelect("null", 8.0), noErr);
   // gdb runs as a child of this process and attaches to it, which Yama's default scope refuses.
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
   const std::jthread watchdog(WatchForStalls);
