@@ -1,7 +1,10 @@
-// Bad input to the real player on the real platform, one row per kind: what playData and
-// appendAudioData return, which reports end the sentence (each once), and what each output queue
-// recorded. The parser's own view of the corpus's damaged files is StreamParserCorpus_test's.
+// Input to the real player on the real platform, one row per kind, bad input included: what
+// playData and appendAudioData return, which reports end the sentence (each once), and what each
+// output queue recorded. PCM is heard sample for sample however the producer cuts it. The parser's
+// own view of the corpus's damaged files is StreamParserCorpus_test's.
 #include <gmock/gmock.h>
+
+#include <random>
 
 #include "e2e/PlayerSentence.h"
 
@@ -42,6 +45,20 @@ std::vector<uint8_t> Repeated(const std::vector<uint8_t>& sentence, size_t count
   return bytes;
 }
 
+// A first chunk of half a second, as a speech engine's is: a shorter one could play out before the
+// next arrives. Then mostly a few kilobytes, one chunk in four a handful of bytes.
+std::vector<Chunk> RandomChunks(const std::vector<uint8_t>& sentence, Format format, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::vector<Chunk> chunks;
+  for (size_t at = 0; at < sentence.size();) {
+    const size_t wanted = at == 0 ? 16000 : random() % 4 ? 1 + random() % 8000 : 1 + random() % 9;
+    const size_t size = std::min(sentence.size() - at, wanted);
+    chunks.push_back({Slice(sentence, at, at + size), format});
+    at += size;
+  }
+  return chunks;
+}
+
 std::vector<Row> Rows() {
   const auto hello16k = ReadCorpusFile("hello_s16le_16000.pcm");
   const auto hello8k = ReadCorpusFile("hello_s16le_8000.pcm");
@@ -49,12 +66,22 @@ std::vector<Row> Rows() {
   const auto fox16k = ReadCorpusFile("fox_m2_16k_cbr32_lame.mp3");           // 92 frames, no Info frame
   const auto concat = ReadCorpusFile("concat_hello_16k_then_hold_24k.mp3");  // 24 kHz from byte 6480
   const auto tenMegabytes = Repeated(hello8k, 10 << 20);
+  const auto fox8k = ReadCorpusFile("fox_s16le_8000.pcm");
+  const auto fox8kChunks = RandomChunks(fox8k, kPCM8K, 1);
+  // A 16-bit stream that ends on an odd byte cannot play that half sample: the rest is heard.
+  std::vector<uint8_t> oddEnd = hello16k;
+  oddEnd.push_back(0x5A);
+  const auto oddEndChunks = RandomChunks(oddEnd, kPCM16K, 2);
   // The smallest Layer III frames: MPEG-2, 8 kbit/s, 24 kHz, mono, 24 bytes of silence each.
   std::vector<uint8_t> tinyFrame{0xFF, 0xF3, 0x14, 0xC0};
   tinyFrame.resize(24);
   std::vector<uint8_t> rateChange = Repeated(fox16k, 9 * fox16k.size());
   rateChange.insert(rateChange.end(), concat.begin() + 6480, concat.end());
   return {
+      {"OddAndOneByteChunksStayAligned", fox8kChunks, std::vector(fox8kChunks.size(), OK), "PlaybackFinished", OK,
+       {{8000, fox8k.size() / 2}}, fox8k},
+      {"OddAndOneByteChunksEndingOnAnOddByte", oddEndChunks, std::vector(oddEndChunks.size(), OK), "PlaybackFinished", OK,
+       {{16000, hello16k.size() / 2}}, hello16k},
       {"EmptyChunksAndFormatSwitchesMidSentence",
        {{Slice(hello16k, 0, 10000), kPCM16K}, {{}, kPCM16K}, {hello8k, kPCM8K},
         {ReadCorpusFile("hello_m2_16k_cbr32_lame_id3v1.mp3"), kMP3}, {Slice(hello16k, 10000, hello16k.size()), kPCM16K},
@@ -67,6 +94,7 @@ std::vector<Row> Rows() {
         {hello16k, QEN_TTS::Audio::EAudioPlayerAudioFormat_ALAW}, {hello16k, Format(77)}},
        std::vector(3, AudioBufPlayerError_UNSUPPORTED_FORMAT), ""},
       {"GarbageAsMp3", {{garbage, kMP3}}, {kUnparsable}, "PlayerError", kUnparsable},
+      {"TenMegabytesOfGarbageAsMp3", {{Repeated(garbage, 10 << 20), kMP3}}, {kUnparsable}, "PlayerError", kUnparsable},
       // The append that crosses 4 KiB fails the stream and ends the sentence: the next starts anew.
       {"GarbageAsMp3InSmallChunks",
        {{Slice(garbage, 0, 2000), kMP3}, {Slice(garbage, 2000, 4000), kMP3}, {Slice(garbage, 4000, 6000), kMP3},
@@ -74,6 +102,10 @@ std::vector<Row> Rows() {
        {OK, OK, kUnparsable, OK}, "PlaybackFinished", kUnparsable, {{16000, hello16k.size() / 2}}, hello16k},
       {"GarbageUnder4KiBAsMp3", {{Slice(garbage, 0, 4000), kMP3}}, {OK}, ""},
       {"Id3TagLongerThanTheStream", {{ReadCorpusFile("bad_id3_size_beyond_eof.mp3"), kMP3}}, {OK}, ""},
+      {"JunkBetweenFrames", {{ReadCorpusFile("bad_garbage1k_inserted.mp3"), kMP3}}, {OK}, "PlaybackFinished", OK,
+       {{16000, 92 * kMp3FrameSamples}}, {}, 20.0},
+      {"HugeId3Tag", {{ReadCorpusFile("fox_m2_16k_cbr48_lame_bigid3v23_apic.mp3"), kMP3}}, {OK}, "PlaybackFinished", OK,
+       {{16000, 92 * kMp3FrameSamples}}, {}, 20.0},
       {"TruncatedFrame", {{ReadCorpusFile("bad_truncated_midframe.mp3"), kMP3}}, {OK}, "PlaybackFinished", OK,
        {{16000, 40 * kMp3FrameSamples}}, {}, 20.0},
       // More 16 kHz audio than the 20 buffers hold, so that every buffer is in flight when the rate

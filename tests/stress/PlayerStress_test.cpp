@@ -1,12 +1,10 @@
 // Several players on the real platform (the null output, faster than real time), each fed corpus
 // sentences, PCM and MP3, in random chunk sizes by a producer thread of its own, while two other
-// threads pause, resume, stop, start, change the volume and the session configuration, take and give
-// back session uses, interrupt the session, change its route and drop players, in an order drawn
-// from a seed. Meant for the sanitizer builds, which fail the run on a race, a use after free or a
-// leak. Checked: nothing hangs (the watchdog); every sentence that started ends exactly once, or at
-// most once when the client stopped or released the player; every delegate call comes for its own,
-// living player; in the end no player or delegate is left and no session use is held.
-// Not here: what is heard, the order of reports.
+// threads pause, resume, stop, start, change the volume, interrupt the session, change its route
+// and drop players, in an order drawn from a seed. Meant for the sanitizer builds, which fail the run
+// on a race, a use after free or a leak. Checked: nothing hangs (the watchdog); every sentence that
+// started ends exactly once, or at most once when the client stopped or released the player; every
+// delegate call comes for its own, living player; in the end no player or delegate is left.
 //
 // ABP_STRESS_SEED=<n> replays a run's choices (the thread schedule is the machine's);
 // ABP_STRESS_SECONDS=<s> changes the time budget.
@@ -25,7 +23,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <optional>
 #include <random>
 #include <stop_token>
 #include <string>
@@ -185,19 +182,16 @@ struct SentenceAudio {
   std::vector<uint8_t> bytes;
 };
 
-// Every sentence of the corpus that plays: PCM at the player's two rates, and MP3.
+// PCM at the player's two rates; MP3 with an Info frame, with a Xing frame at 24 kHz, and stereo.
 std::vector<SentenceAudio> CorpusSentences() {
+  const std::pair<AudioPlayerAudioFormats, const char*> files[] = {
+      {EAudioPlayerAudioFormat_PCM8K, "fox_s16le_8000.pcm"},
+      {EAudioPlayerAudioFormat_PCM16K, "hello_s16le_16000.pcm"},
+      {EAudioPlayerAudioFormat_MP3, "hold_m2_16k_cbr48_lame_info.mp3"},
+      {EAudioPlayerAudioFormat_MP3, "hold_m2_24k_vbr_lame_xing.mp3"},
+      {EAudioPlayerAudioFormat_MP3, "hello_m1_44k_stereo_cbr128_lame_id3v23_id3v1.mp3"}};
   std::vector<SentenceAudio> sentences;
-  for (auto& row : corpus::ReadTsv("MANIFEST.tsv")) {
-    if (row["expected"].rfind("plays", 0) != 0) continue;
-    std::optional<AudioPlayerAudioFormats> format;
-    if (row["format"] == "pcm_s16le") {
-      format = row["rate"] == "8000" ? EAudioPlayerAudioFormat_PCM8K : EAudioPlayerAudioFormat_PCM16K;
-    } else if (row["format"].find("L3") != std::string::npos) {
-      format = EAudioPlayerAudioFormat_MP3;
-    }
-    if (format) sentences.push_back({*format, corpus::ReadCorpusFile(row["file"])});
-  }
+  for (const auto& [format, file] : files) sentences.push_back({format, corpus::ReadCorpusFile(file)});
   return sentences;
 }
 
@@ -209,8 +203,7 @@ struct Slot {
   std::weak_ptr<AudioBufPlayer> client;    // the client's references, the producer's in a call included
   std::weak_ptr<AudioBufPlayer> lifetime;  // the player's own: expires when it is destroyed
   bool pausedByClient = false;
-  // Managing the session all round long: then the interruption's end alone must resume the player.
-  bool managedThroughout = false;
+  bool managing = false;  // of the session: then the interruption's end alone resumes the player
 };
 
 // A stop or release ends the playing whose start set the player's delegate. The caller holds
@@ -271,14 +264,12 @@ class PlayerStress {
     slot.pausedByClient = false;
     if (!slot.player) {
       released_.push_back(slot.lifetime);
-      static const std::optional<std::string> categories[] = {"playback", std::nullopt, ""};
-      const bool managing = random() % 4 != 0;
-      slot.player = AudioBufPlayer::initWithAudioSessionCategory(categories[random() % 3], random() % 4, managing);
+      slot.managing = random() % 4 != 0;
+      slot.player = AudioBufPlayer::initWithAudioSessionCategory("playback", 0, slot.managing);
       slot.player->start();
       slot.client = slot.player;
       slot.lifetime = slot.player->weak_from_this();
     }
-    slot.managedThroughout = slot.player->AVSessionManagmentEnabled();
   }
 
   // Feeds kSentencesPerRound sentences into one player, each ended before the next begins.
@@ -343,13 +334,11 @@ class PlayerStress {
     return playings;
   }
 
-  // Operations in random order, then what lets every sentence end: the interruption's end, every
-  // session use given back, resume and start.
+  // Operations in random order, then what lets every sentence end: the interruption's end, resume
+  // and start.
   void disturb(std::mt19937_64 random) {
-    std::vector<bool> heldSessionUses;  // the management flag of each use taken
     bool interrupted = false;
     AudioSession& session = AudioSession::sharedInstance();
-    static const std::optional<std::string> categories[] = {"playback", "ambient", "", std::nullopt};
     const int operations = 1 + int(random() % kMaxChaosOperationsPerRound);
     for (int n = 0; n < operations; ++n, Progress()) {
       // Spreads the operations over the round; it waits for nothing: any interleaving is valid.
@@ -358,7 +347,7 @@ class PlayerStress {
       std::unique_lock lock(slot.mutex);
       if (!slot.player) continue;
       std::shared_ptr<AudioBufPlayer> player = slot.player;
-      switch (random() % 16) {
+      switch (random() % 12) {
         case 0: player->pause(); slot.pausedByClient = true; break;
         case 1:
         case 2: player->resume(); slot.pausedByClient = false; break;
@@ -369,24 +358,11 @@ class PlayerStress {
         case 4:
         case 5: player->start(); break;
         case 6: player->setVolume(float(random() % 12) / 10 - 0.1f); break;  // a negative one is not applied
-        case 7: player->updateAVSessionManagementEnabled(random() % 2); slot.managedThroughout = false; break;
-        case 8: player->updateAudioCategoryOptions(random() % 4); break;
-        case 9: player->updateAudioCategory(categories[random() % 4]); break;
-        case 10:
-          lock.unlock();
-          if (!heldSessionUses.empty() && random() % 2) {
-            AudioBufPlayer::SetAudioSessionActivationStatus(false, heldSessionUses.back());
-            heldSessionUses.pop_back();
-          } else {
-            heldSessionUses.push_back(random() % 2);
-            AudioBufPlayer::SetAudioSessionActivationStatus(true, heldSessionUses.back());
-          }
-          break;
-        case 11:
+        case 7:
           interrupted ? session.endInterruption() : session.beginInterruption();
           interrupted = !interrupted;
           break;
-        case 12: session.changeRoute(); break;
+        case 8: session.changeRoute(); break;
         default:
           if (random() % 4 == 0) {  // the client lets go, maybe in the middle of a sentence
             release(slot, lock, random() % 2);
@@ -395,14 +371,13 @@ class PlayerStress {
       }
     }
     if (interrupted) session.endInterruption();
-    for (bool managed : heldSessionUses) AudioBufPlayer::SetAudioSessionActivationStatus(false, managed);
     for (Slot& slot : slots_) {
       std::shared_ptr<AudioBufPlayer> player;
       std::lock_guard lock(slot.mutex);
       player = slot.client.lock();
       if (!player) continue;
       // A player that does not manage the session learns nothing of the interruption's end.
-      if (slot.pausedByClient || !slot.managedThroughout) player->resume();
+      if (slot.pausedByClient || !slot.managing) player->resume();
       slot.pausedByClient = false;
       player->start();
     }
