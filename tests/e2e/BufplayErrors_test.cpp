@@ -23,7 +23,9 @@ class BufplayBadRun : public testing::TestWithParam<BadRun> {};
 TEST_P(BufplayBadRun, ExitsWithOneLineNamingTheProblem) {
   REQUIRE_BUFPLAY();
   ScratchFolder scratch;
-  for (const char* name : {"raw.pcm", "sound.ogg", "fake.wav"}) WriteBytes(scratch.file(name), std::vector<uint8_t>(3200));
+  for (const char* name : {"raw.pcm", "sound.ogg", "fake.wav"}) {
+    WriteBytes(scratch.file(name), std::vector<uint8_t>(3200));
+  }
   std::vector<std::string> arguments = GetParam().arguments;
   for (std::string& argument : arguments) {
     if (argument.rfind("SCRATCH/", 0) == 0) argument = scratch.file(argument.substr(8));
@@ -62,7 +64,8 @@ INSTANTIATE_TEST_SUITE_P(
                std::vector<uint8_t>(100000, 'x')},
         BadRun{"EmptyStandardInput", {"-"}, "standard input: no audio came in"},
         BadRun{"StandardInputTwice", {"-", "-"}, "read once only"},
-        BadRun{"EventsInMissingFolder", {"--events", "SCRATCH/no/e.jsonl", "--format", "pcm16k", "HELLO"}, "cannot write"},
+        BadRun{"EventsInMissingFolder", {"--events", "SCRATCH/no/e.jsonl", "--format", "pcm16k", "HELLO"},
+               "cannot write"},
         BadRun{"RecordingInMissingFolder", {"--output", "wav:SCRATCH/no/o.wav", "--format", "pcm16k", "HELLO"},
                "cannot write"},
         BadRun{"AudioThePlayerCannotParse", {"--output", "null", "GARBAGE"},

@@ -29,7 +29,8 @@ std::vector<Event> ParseEvents(const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     EXPECT_TRUE(line.front() == '{' && line.back() == '}') << line;
-    Event& event = events.emplace_back(Event{std::stoi(Field(line, "sentence")), Field(line, "event"), Field(line, "source")});
+    Event& event =
+        events.emplace_back(Event{std::stoi(Field(line, "sentence")), Field(line, "event"), Field(line, "source")});
     if (!Field(line, "seconds").empty()) event.seconds = std::stod(Field(line, "seconds"));
   }
   return events;
@@ -118,7 +119,8 @@ TEST(BufplayEvents, RealTimeProducerPlaysWholeWithTheDefaultLeadOnlyAndReportsIn
     if (!lead) arguments.insert(arguments.begin(), {"--lead", "0"});
     const Outcome outcome = RunBufplay(arguments);
     EXPECT_EQ(outcome.exitStatus, lead ? 0 : 3) << outcome.err;
-    EXPECT_EQ(std::regex_search(outcome.err, std::regex("the player refused [0-9.]+ s of audio")), !lead) << outcome.err;
+    EXPECT_EQ(std::regex_search(outcome.err, std::regex("the player refused [0-9.]+ s of audio")), !lead)
+        << outcome.err;
     const std::vector<Event> events = ParseEvents(outcome.out);
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(events.front().name, "playerWillStartPlayback");
@@ -139,8 +141,9 @@ TEST(BufplayEvents, RealTimeProducerPlaysWholeWithTheDefaultLeadOnlyAndReportsIn
 TEST(BufplayEvents, TimelinePicturesTheSentencesWithTheirHoldsAndEnds) {
   REQUIRE_BUFPLAY();
   ScratchFolder scratch;
-  const Outcome outcome = RunBufplay({"--output", "null", "--timeline", scratch.file("session.svg"), "--at", "0.3:pause",
-                                      "--at", "0.6:resume", "--format", "pcm16k", CorpusPath("hello_s16le_16000.pcm")});
+  const Outcome outcome =
+      RunBufplay({"--output", "null", "--timeline", scratch.file("session.svg"), "--at", "0.3:pause", "--at",
+                  "0.6:resume", "--format", "pcm16k", CorpusPath("hello_s16le_16000.pcm")});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::vector<uint8_t> bytes = ReadBytes(scratch.file("session.svg"));
   const std::string svg(bytes.begin(), bytes.end());

@@ -81,8 +81,8 @@ std::vector<Row> Rows() {
   return {
       {"OddAndOneByteChunksStayAligned", fox8kChunks, std::vector(fox8kChunks.size(), OK), "PlaybackFinished", OK,
        {{8000, fox8k.size() / 2}}, fox8k, 2.0, true},
-      {"OddAndOneByteChunksEndingOnAnOddByte", oddEndChunks, std::vector(oddEndChunks.size(), OK), "PlaybackFinished", OK,
-       {{16000, hello16k.size() / 2}}, hello16k, 2.0, true},
+      {"OddAndOneByteChunksEndingOnAnOddByte", oddEndChunks, std::vector(oddEndChunks.size(), OK), "PlaybackFinished",
+       OK, {{16000, hello16k.size() / 2}}, hello16k, 2.0, true},
       {"EmptyChunksAndFormatSwitchesMidSentence",
        {{Slice(hello16k, 0, 10000), kPCM16K}, {{}, kPCM16K}, {hello8k, kPCM8K},
         {ReadCorpusFile("hello_m2_16k_cbr32_lame_id3v1.mp3"), kMP3}, {Slice(hello16k, 10000, hello16k.size()), kPCM16K},

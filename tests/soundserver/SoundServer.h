@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -59,7 +60,8 @@ class SoundServer {
     dir_ = mkdtemp(pattern) ? pattern : "";
     const std::string home = dir_ + "/home", socket = dir_ + "/native";
     std::filesystem::create_directories(home);
-    std::ofstream(dir_ + "/server.pa") << "load-module module-null-sink sink_name=" << kSink << " rate=48000 channels=2\n"
+    std::ofstream(dir_ + "/server.pa") << "load-module module-null-sink sink_name=" << kSink
+                                       << " rate=48000 channels=2\n"
                                        << "load-module module-native-protocol-unix socket=" << socket
                                        << " auth-anonymous=1\nset-default-sink " << kSink << "\n";
     // ALSA's default device goes to this daemon; ALSA reads ~/.asoundrc on top of its own setup.
@@ -124,8 +126,8 @@ class MonitorRecording {
   // The monitor delivers all the time, silence included, once it runs.
   bool waitUntilRecording() {
     std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !samples_.empty() || ended_; }) &&
-           !samples_.empty();
+    return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !bytes_.empty() || ended_; }) &&
+           !bytes_.empty();
   }
 
   void stop() {
@@ -138,7 +140,11 @@ class MonitorRecording {
   }
 
   // After stop().
-  const std::vector<int16_t>& samples() const { return samples_; }
+  std::vector<int16_t> samples() const {
+    std::vector<int16_t> samples(bytes_.size() / 2);
+    std::memcpy(samples.data(), bytes_.data(), samples.size() * 2);
+    return samples;
+  }
   size_t samplesBy(Clock::time_point when) const {
     size_t count = 0;
     for (const auto& [time, total] : arrivals_) {
@@ -150,13 +156,11 @@ class MonitorRecording {
 
  private:
   void read(int fd) {
-    std::vector<uint8_t> piece(2048);
-    for (ssize_t got; (got = ::read(fd, piece.data(), piece.size())) > 0;) {
+    uint8_t piece[2048];
+    for (ssize_t got; (got = ::read(fd, piece, sizeof piece)) > 0;) {
       std::lock_guard lock(mutex_);
-      pending_.insert(pending_.end(), piece.begin(), piece.begin() + got);
-      for (size_t i = 0; i + 1 < pending_.size(); i += 2) samples_.push_back(int16_t(pending_[i] | pending_[i + 1] << 8));
-      pending_.erase(pending_.begin(), pending_.begin() + std::ptrdiff_t(pending_.size() & ~size_t(1)));
-      arrivals_.emplace_back(Clock::now(), samples_.size());
+      bytes_.insert(bytes_.end(), piece, piece + got);
+      arrivals_.emplace_back(Clock::now(), bytes_.size() / 2);
       arrived_.notify_all();
     }
     close(fd);
@@ -170,8 +174,7 @@ class MonitorRecording {
   std::mutex mutex_;
   std::condition_variable arrived_;
   // --- guarded by mutex_ until stop() ---
-  std::vector<uint8_t> pending_;
-  std::vector<int16_t> samples_;
+  std::vector<uint8_t> bytes_;  // 16-bit little-endian samples
   std::vector<std::pair<Clock::time_point, size_t>> arrivals_;
   bool ended_ = false;
 };

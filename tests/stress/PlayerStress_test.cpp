@@ -143,8 +143,8 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   // The other errors leave the sentence going on to its PlaybackFinished.
   void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string&) override {
     check(player, true,
-          error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES || error == AudioBufPlayerError_FAILED_OPEN_DEVICE ||
-              error == AudioBufPlayerError_FAILED_PARSE_STREAM);
+          error == AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES ||
+              error == AudioBufPlayerError_FAILED_OPEN_DEVICE || error == AudioBufPlayerError_FAILED_PARSE_STREAM);
   }
   void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer* player) override { check(player, true); }
   void PlayerWasResumed(AudioBufPlayer* player) override { check(player, true); }
@@ -294,7 +294,8 @@ class PlayerStress {
     for (size_t position = 0; position < audio.bytes.size();) {
       // Mostly a few KiB, sometimes a handful of bytes, which splits MP3 frames and PCM samples.
       const size_t size = random() % 8 == 0 ? 1 + random() % 16 : 1 + random() % 4096;
-      const std::span<const uint8_t> chunk(audio.bytes.data() + position, std::min(size, audio.bytes.size() - position));
+      const std::span<const uint8_t> chunk(audio.bytes.data() + position,
+                                           std::min(size, audio.bytes.size() - position));
       std::shared_ptr<AudioBufPlayer> player;
       {
         std::lock_guard lock(slot.mutex);
