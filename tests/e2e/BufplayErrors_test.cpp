@@ -10,7 +10,7 @@ namespace {
 
 struct BadRun {
   const char* name;
-  std::vector<std::string> arguments;  // "SCRATCH/" stands for a scratch folder, "HELLO" for a sentence
+  std::vector<std::string> arguments;  // "SCRATCH/": a scratch folder; "HELLO", "GARBAGE": corpus files
   const char* message;
   std::vector<uint8_t> standardInput = {};
   int exitStatus = 2;

@@ -54,14 +54,16 @@ class BufplayScript : public testing::TestWithParam<Script> {};
 TEST_P(BufplayScript, ReportsWhatTheScriptDidInOrder) {
   REQUIRE_BUFPLAY();
   ScratchFolder scratch;
-  // Only the ID3v1 tag of an MP3: the player finds no frame and never makes a sound.
-  const std::vector<uint8_t> mp3 = ReadCorpusFile("hello_m2_16k_cbr32_lame_id3v1.mp3");
-  WriteBytes(scratch.file("tag.mp3"), std::vector<uint8_t>(mp3.end() - 128, mp3.end()));
   std::vector<std::string> arguments{"--output", "null", "--events", "-"};
-  for (const std::string& argument : GetParam().arguments) {
-    arguments.push_back(argument == "HELLO" ? CorpusPath("hello_s16le_16000.pcm")
-                        : argument == "TAG" ? scratch.file("tag.mp3")
-                                            : argument);
+  for (std::string argument : GetParam().arguments) {
+    if (argument == "HELLO") argument = CorpusPath("hello_s16le_16000.pcm");
+    if (argument == "TAG") {
+      // Only the ID3v1 tag of an MP3: the player finds no frame and never makes a sound.
+      const std::vector<uint8_t> mp3 = ReadCorpusFile("hello_m2_16k_cbr32_lame_id3v1.mp3");
+      argument = scratch.file("tag.mp3");
+      WriteBytes(argument, std::vector<uint8_t>(mp3.end() - 128, mp3.end()));
+    }
+    arguments.push_back(argument);
   }
   const Outcome outcome = RunBufplay(arguments);
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;

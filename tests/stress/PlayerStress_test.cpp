@@ -201,7 +201,6 @@ struct Slot {
   // --- guarded by mutex ---
   std::shared_ptr<AudioBufPlayer> player;  // null once released
   std::weak_ptr<AudioBufPlayer> client;    // the client's references, the producer's in a call included
-  std::weak_ptr<AudioBufPlayer> lifetime;  // the player's own: expires when it is destroyed
   bool pausedByClient = false;
   bool managing = false;  // of the session: then the interruption's end alone resumes the player
 };
@@ -240,19 +239,17 @@ class PlayerStress {
 
   // Lets go of every player and waits until each has been destroyed.
   void releaseAll() {
-    std::vector<std::weak_ptr<AudioBufPlayer>> lifetimes = released_;
     for (Slot& slot : slots_) {
       std::shared_ptr<AudioBufPlayer> player;  // may go away here, after the lock
       std::lock_guard lock(slot.mutex);
       player = std::move(slot.player);
-      lifetimes.push_back(slot.lifetime);
     }
     // Players outlive their client by the tasks they posted and by the queue callbacks in progress,
     // which may post more.
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
     EXPECT_TRUE(AudioQueueWaitForReleases(kTeardownSeconds));
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
-    EXPECT_TRUE(std::all_of(lifetimes.begin(), lifetimes.end(), [](auto& lifetime) { return lifetime.expired(); }))
+    EXPECT_TRUE(std::all_of(lifetimes_.begin(), lifetimes_.end(), [](auto& lifetime) { return lifetime.expired(); }))
         << "a player was never destroyed";
   }
 
@@ -263,12 +260,11 @@ class PlayerStress {
     std::lock_guard lock(slot.mutex);
     slot.pausedByClient = false;
     if (!slot.player) {
-      released_.push_back(slot.lifetime);
       slot.managing = random() % 4 != 0;
       slot.player = AudioBufPlayer::initWithAudioSessionCategory("playback", 0, slot.managing);
       slot.player->start();
       slot.client = slot.player;
-      slot.lifetime = slot.player->weak_from_this();
+      lifetimes_.push_back(slot.player->weak_from_this());
     }
   }
 
@@ -398,7 +394,7 @@ class PlayerStress {
   const uint64_t seed_;
   const std::vector<SentenceAudio> corpus_;
   std::array<Slot, kPlayers> slots_;
-  std::vector<std::weak_ptr<AudioBufPlayer>> released_;  // the driver's thread only
+  std::vector<std::weak_ptr<AudioBufPlayer>> lifetimes_;  // the players' own: each expires when it is destroyed
   std::mutex delegatesMutex_;
   std::vector<std::shared_ptr<SentenceDelegate>> roundDelegates_;  // guarded by delegatesMutex_
 };
