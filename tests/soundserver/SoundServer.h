@@ -97,9 +97,7 @@ class SoundServer {
   }
 
   bool started() const { return daemon_ > 0; }
-  std::string failure() const {
-    return "the PulseAudio daemon did not start (is pulseaudio installed? its log: " + dir_ + "/daemon.log)";
-  }
+  std::string log() const { return dir_ + "/daemon.log"; }
 
  private:
   std::string dir_;
