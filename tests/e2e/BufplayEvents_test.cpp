@@ -147,8 +147,7 @@ TEST(BufplayEvents, TimelinePicturesTheSentencesWithTheirHoldsAndEnds) {
       RunBufplay({"--output", "null", "--timeline", scratch.file("session.svg"), "--at", "0.3:pause", "--at",
                   "0.6:resume", "--format", "pcm16k", CorpusPath("hello_s16le_16000.pcm")});
   ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
-  const std::vector<uint8_t> bytes = ReadBytes(scratch.file("session.svg"));
-  const std::string svg(bytes.begin(), bytes.end());
+  const std::string svg = ReadText(scratch.file("session.svg"));
   EXPECT_EQ(svg.rfind("<svg", 0), 0u);
   for (const char* part : {"hello_s16le_16000.pcm", "user pause", "about to end", "finished", "<polyline", "</svg>"}) {
     EXPECT_NE(svg.find(part), std::string::npos) << part;

@@ -42,6 +42,11 @@ inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+inline std::string ReadText(const std::string& path) {
+  const std::vector<uint8_t> bytes = ReadBytes(path);
+  return std::string(bytes.begin(), bytes.end());
+}
+
 inline void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
@@ -80,13 +85,13 @@ inline pid_t StartBufplay(const std::vector<std::string>& arguments, int in, int
   return child;
 }
 
-// Its exit status (128 + signal when it was killed). One that outlives the deadline is killed and
-// fails the test instead of hanging it.
-inline int AwaitBufplay(pid_t child, int deadlineSeconds = 120) {
+// Its exit status (128 + signal when it was killed). One still running after two minutes is killed
+// and fails the test instead of hanging it.
+inline int AwaitBufplay(pid_t child) {
   if (child <= 0) return -1;
   pollfd exited{int(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-  if (poll(&exited, 1, deadlineSeconds * 1000) == 0) {
-    ADD_FAILURE() << "bufplay still ran after " << deadlineSeconds << " s; killed";
+  if (poll(&exited, 1, 120000) == 0) {
+    ADD_FAILURE() << "bufplay still ran after two minutes; killed";
     kill(child, SIGKILL);
   }
   close(exited.fd);
@@ -108,12 +113,8 @@ inline Outcome RunBufplay(const std::vector<std::string>& arguments, const std::
   const int err = open(outputs.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
   const pid_t child = StartBufplay(arguments, in, out, err);
   for (const int fd : {in, out, err}) close(fd);
-  Outcome outcome;
-  outcome.exitStatus = AwaitBufplay(child);
-  const std::vector<uint8_t> outBytes = ReadBytes(outputs.file("out")), errBytes = ReadBytes(outputs.file("err"));
-  outcome.out.assign(outBytes.begin(), outBytes.end());
-  outcome.err.assign(errBytes.begin(), errBytes.end());
-  return outcome;
+  const int exitStatus = AwaitBufplay(child);
+  return {exitStatus, ReadText(outputs.file("out")), ReadText(outputs.file("err"))};
 }
 
 }  // namespace bufplay_test

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <span>
 #include <string>
 #include <vector>
@@ -31,22 +32,23 @@ inline std::vector<int16_t> Samples(std::span<const uint8_t> bytes) {
   return samples;
 }
 
+// The WAV output writes one layout: a 44-byte header, then the samples.
 inline Recording ReadRecording(const std::string& path) {
   const std::vector<uint8_t> file = ReadBytes(path);
-  Recording recording;
-  for (size_t at = 12; at + 8 <= file.size();) {
-    const std::string id(file.begin() + std::ptrdiff_t(at), file.begin() + std::ptrdiff_t(at + 4));
-    const size_t size = std::min<size_t>(Little(&file[at + 4], 4), file.size() - at - 8);
-    if (id == "fmt ") {
-      recording.channels = uint16_t(Little(&file[at + 10], 2));
-      recording.rate = Little(&file[at + 12], 4);
-      recording.bits = uint16_t(Little(&file[at + 22], 2));
-    } else if (id == "data") {
-      recording.samples = Samples(std::span(file).subspan(at + 8, size));
-    }
-    at += 8 + size + (size & 1);
+  if (file.size() < 44) return {};
+  const size_t size = std::min<size_t>(Little(&file[40], 4), file.size() - 44);
+  return {Little(&file[24], 4), uint16_t(Little(&file[22], 2)), uint16_t(Little(&file[34], 2)),
+          Samples(std::span(file).subspan(44, size))};
+}
+
+// One per output queue, in order: out.wav, out-2.wav, ...
+inline std::vector<Recording> ReadRecordings(const ScratchFolder& scratch) {
+  std::vector<Recording> recordings;
+  for (int n = 1;; ++n) {
+    const std::string path = scratch.file(n == 1 ? "out.wav" : "out-" + std::to_string(n) + ".wav");
+    if (!std::filesystem::exists(path)) return recordings;
+    recordings.push_back(ReadRecording(path));
   }
-  return recording;
 }
 
 // Whether `heard` is `fed` sample for sample (each within `tolerance`) with nothing added but

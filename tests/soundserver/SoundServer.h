@@ -1,10 +1,6 @@
-// A private PulseAudio daemon with one null sink, for tests that play through the machine's sound
-// output as a user's desktop would: PortAudio -> ALSA -> the ALSA pulse plugin -> the daemon. It
-// lives in a temporary folder (HOME, runtime and state paths, ALSA configuration), so a user's own
-// sound server is never touched, and it works as root. The sink's monitor is recorded with parec.
-//
-// The process environment is pointed at the daemon: create the server before anything in the
-// process sets PortAudio or ALSA up.
+// A private PulseAudio daemon with one null sink, reached as a desktop reaches it: PortAudio -> ALSA
+// -> the pulse plugin -> the daemon. It lives in a temporary folder, so a user's own sound server is
+// never touched, and works as root. It points the process environment at itself.
 #pragma once
 
 #include <fcntl.h>
@@ -34,18 +30,14 @@ namespace sound_server_test {
 inline constexpr uint32_t kRecordRate = 16000;
 inline constexpr const char* kSink = "abp_sink";
 
-// Standard output to `stdoutFd` (-1: /dev/null), standard error to /dev/null. Returns the pid, or -1.
-inline pid_t Spawn(const std::vector<std::string>& args, int stdoutFd = -1) {
+// Standard output to `stdoutFd`, standard error to /dev/null. Returns the pid, or -1.
+inline pid_t Spawn(const std::vector<std::string>& args, int stdoutFd) {
   std::vector<char*> argv;
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (stdoutFd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  }
+  posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   pid_t pid = -1;
   const int failed = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
@@ -73,10 +65,11 @@ class SoundServer {
     setenv("PULSE_STATE_PATH", (dir_ + "/state").c_str(), 1);
     setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
     // Daemonised, pulseaudio returns once it is ready to serve, or has failed. Should this process
-    // die before it ends the daemon, the daemon ends itself once no client has been left for 20 s.
+    // die first, the daemon ends itself once no client has been left for 20 s.
     const pid_t starter = Spawn({"pulseaudio", "--daemonize=yes", "--system=false", "-n", "-F", dir_ + "/server.pa",
                                  "--exit-idle-time=20", "--disallow-exit", "--use-pid-file=yes", "--disable-shm=yes",
-                                 "--log-target=file:" + dir_ + "/daemon.log"});
+                                 "--log-target=file:" + dir_ + "/daemon.log"},
+                                STDERR_FILENO);
     if (starter > 0) waitpid(starter, nullptr, 0);
     std::ifstream(dir_ + "/runtime/pid") >> daemon_;
   }
@@ -104,8 +97,7 @@ class SoundServer {
   pid_t daemon_ = -1;
 };
 
-// Records the sink's monitor (mono, 16 kHz) with parec from construction to stop(), and notes when
-// each piece arrived, so that a sample can be told the moment it was heard.
+// Records the sink's monitor from construction to stop(), noting when each piece arrived.
 class MonitorRecording {
  public:
   using Clock = std::chrono::steady_clock;
@@ -121,7 +113,7 @@ class MonitorRecording {
   }
   ~MonitorRecording() { stop(); }
 
-  // The monitor delivers all the time, silence included, once it runs.
+  // The monitor delivers silence too once it runs.
   bool waitUntilRecording() {
     std::unique_lock lock(mutex_);
     return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !bytes_.empty() || ended_; }) &&
@@ -171,7 +163,7 @@ class MonitorRecording {
   std::thread reader_;
   std::mutex mutex_;
   std::condition_variable arrived_;
-  // --- guarded by mutex_ until stop() ---
+  // Guarded by mutex_ until stop().
   std::vector<uint8_t> bytes_;  // 16-bit little-endian samples
   std::vector<std::pair<Clock::time_point, size_t>> arrivals_;
   bool ended_ = false;

@@ -1,13 +1,9 @@
-// Several players on the real platform (the null output, faster than real time), each fed corpus
-// sentences, PCM and MP3, in random chunk sizes by a producer thread of its own, while two other
-// threads pause, resume, stop, start, change the volume, interrupt the session, change its route
-// and drop players, in an order drawn from a seed. Meant for the sanitizer builds, which fail the run
-// on a race, a use after free or a leak. Checked: nothing hangs (the watchdog); every sentence that
-// started ends exactly once, or at most once when the client stopped or released the player; every
-// delegate call comes for its own, living player; in the end no player or delegate is left.
-//
-// ABP_STRESS_SEED=<n> replays a run's choices (the thread schedule is the machine's);
-// ABP_STRESS_SECONDS=<s> changes the time budget.
+// Players on the null output, each fed corpus sentences in random chunks by a producer thread,
+// while two chaos threads disturb them in an order drawn from a seed. Meant for the sanitizer builds.
+// Checked: nothing hangs; every started sentence ends once (at most once when the client stopped or
+// released the player); delegate calls come for their own living player; nothing is left over.
+// ABP_STRESS_SEED replays a run's choices (not the thread schedule); ABP_STRESS_SECONDS its budget.
+// Delegates fail the test from any thread: gtest's assertions are thread-safe.
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/prctl.h>
@@ -51,13 +47,10 @@ constexpr int kMaxChaosOperationsPerRound = 60;
 constexpr double kTeardownSeconds = 30;
 constexpr auto kStall = std::chrono::seconds(10);
 
-// Bumped whenever anything moves: a chunk taken, a sentence ended, a delegate call, an operation.
 std::atomic<uint64_t> progress{0};
 void Progress() { progress.fetch_add(1, std::memory_order_relaxed); }
 
-// Turns a deadlock, or a sentence that never ends, into a failed run instead of a hang until
-// ctest's timeout: when progress stands still for kStall, prints every thread's stack through gdb
-// and aborts.
+// A deadlock or a sentence that never ends fails the run with every thread's stack, not a timeout.
 void WatchForStalls(std::stop_token stop) {
   std::mutex mutex;
   std::unique_lock lock(mutex);
@@ -85,41 +78,22 @@ void WatchForStalls(std::stop_token stop) {
   }
 }
 
-std::mutex violationMutex;
-std::string violation;  // the first broken promise any delegate saw; guarded by violationMutex
-
-void Violated(const std::string& what) {
-  std::lock_guard lock(violationMutex);
-  if (violation.empty()) violation = what;
-}
-
-std::string FirstViolation() {
-  std::lock_guard lock(violationMutex);
-  return violation;
-}
-
-// One for every feeding call, so that each playing of a sentence has a delegate of its own: reports
-// go to the delegate of the call that started the playing. When it goes (after the last report
-// posted to it), it counts the ends it received. It may be handed the client's last reference to
-// the player and drop it in its next call made outside the player's locks: the player then goes
-// away on the output queue's callback thread or on a thread of the work queue.
+// One per feeding call: reports go to the delegate of the call that started the playing, which
+// counts its ends when it goes. It may be handed the client's last reference to the player and drop
+// it in its next unlocked call, so that the player goes away on a queue or work thread.
 class SentenceDelegate final : public AudioBufPlayerDelegate {
  public:
   explicit SentenceDelegate(AudioBufPlayer* player) : player_(player) { live.fetch_add(1); }
   ~SentenceDelegate() override {
     const int ends = ends_.load();
     if (ends > 1 || (started_.load() && !endedByClient_.load() && ends == 0)) {
-      Violated("a sentence had " + std::to_string(ends) + " ends");
+      ADD_FAILURE() << "a sentence had " << ends << " ends";
     }
     live.fetch_sub(1);
   }
   static inline std::atomic<int> live{0};
 
   bool started() const { return started_.load(); }  // final once the feeding call has returned
-  void end() {
-    ended_.store(true);
-    ended_.notify_all();
-  }
   // The client stopped or released the player: the playing may end without a report.
   void endByClient() {
     endedByClient_.store(true);
@@ -136,7 +110,7 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
     started_.store(true);
   }
   void updatedTotalLength(double, AudioBufPlayer* player) override { check(player); }
-  // The other calls are made outside the player's locks, where the player may go away.
+  // The others are made outside the player's locks, where the player may go away.
   void playProgressChanged(double, AudioBufPlayer* player) override { check(player, true); }
   void aboutToEnd(AudioBufPlayer* player) override { check(player, true); }
   void PlaybackFinished(AudioBufPlayer* player) override { check(player, true, true); }
@@ -150,12 +124,14 @@ class SentenceDelegate final : public AudioBufPlayerDelegate {
   void PlayerWasResumed(AudioBufPlayer* player) override { check(player, true); }
 
  private:
-  // Whatever the interleaving, the call comes for the player the delegate was given to, and whoever
-  // calls holds that player, so its destruction has not begun.
+  void end() {
+    ended_.store(true);
+    ended_.notify_all();
+  }
   void check(AudioBufPlayer* player, bool dropsHandedOver = false, bool ends = false) {
     Progress();
-    if (player != player_) Violated("a delegate call came for another player");
-    if (!player->weak_from_this().lock()) Violated("a delegate call came while the player was being destroyed");
+    EXPECT_EQ(player, player_) << "a delegate call came for another player";
+    EXPECT_TRUE(player->weak_from_this().lock()) << "a delegate call came while the player was being destroyed";
     if (ends) {
       ends_.fetch_add(1);
       end();
@@ -195,18 +171,18 @@ std::vector<SentenceAudio> CorpusSentences() {
   return sentences;
 }
 
-// A player as its client holds it. The chaos threads hold the mutex for each operation.
+// A player as its client holds it; guarded by mutex, which each chaos operation holds.
 struct Slot {
   std::mutex mutex;
-  // --- guarded by mutex ---
   std::shared_ptr<AudioBufPlayer> player;  // null once released
   std::weak_ptr<AudioBufPlayer> client;    // the client's references, the producer's in a call included
   bool pausedByClient = false;
   bool managing = false;  // of the session: then the interruption's end alone resumes the player
+  // The producer's alone, kept for the round so that a second end reaches them.
+  std::vector<std::shared_ptr<SentenceDelegate>> delegates;
 };
 
-// A stop or release ends the playing whose start set the player's delegate. The caller holds
-// slot.mutex, so no start comes between the stop and the look at the delegate.
+// The caller holds slot.mutex, so no start comes between a stop and the look at the delegate.
 std::shared_ptr<SentenceDelegate> DelegateOf(AudioBufPlayer& player) {
   return std::dynamic_pointer_cast<SentenceDelegate>(player.delegate());
 }
@@ -230,22 +206,16 @@ class PlayerStress {
       threads.emplace_back([this, chaos, number] { disturb(random(number, kPlayers + chaos)); });
     }
     for (std::thread& thread : threads) thread.join();
-    // Every delegate of the round was kept until here, so that a second end would have reached it.
-    // They go outside the lock: one may hold the client's last reference to its player.
-    std::vector<std::shared_ptr<SentenceDelegate>> delegates;
-    std::lock_guard lock(delegatesMutex_);
-    delegates.swap(roundDelegates_);
+    for (Slot& slot : slots_) slot.delegates.clear();  // unlocked: one may hold its player
   }
 
-  // Lets go of every player and waits until each has been destroyed.
   void releaseAll() {
     for (Slot& slot : slots_) {
       std::shared_ptr<AudioBufPlayer> player;  // may go away here, after the lock
       std::lock_guard lock(slot.mutex);
       player = std::move(slot.player);
     }
-    // Players outlive their client by the tasks they posted and by the queue callbacks in progress,
-    // which may post more.
+    // Posted tasks and queue callbacks in progress (which may post more) outlive the client.
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
     EXPECT_TRUE(AudioQueueWaitForReleases(kTeardownSeconds));
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
@@ -268,7 +238,6 @@ class PlayerStress {
     }
   }
 
-  // Feeds kSentencesPerRound sentences into one player, each ended before the next begins.
   void produce(Slot& slot, std::mt19937_64 random) {
     for (int n = 0; n < kSentencesPerRound; ++n) {
       for (const auto& playing : feed(slot, corpus_[random() % corpus_.size()], random)) {
@@ -278,8 +247,8 @@ class PlayerStress {
     }
   }
 
-  // Returns the delegates of the playings that the sentence's chunks started: usually one; none
-  // when the player was stopped or released; more when a stop and a start came in the middle.
+  // The delegates of the playings the sentence's chunks started: none when the player was stopped
+  // or released, more when a stop and a start came in the middle.
   std::vector<std::shared_ptr<SentenceDelegate>> feed(Slot& slot, const SentenceAudio& audio, std::mt19937_64& random) {
     std::vector<std::shared_ptr<SentenceDelegate>> playings;
     const auto endAll = [&] {
@@ -288,7 +257,7 @@ class PlayerStress {
     };
     const double offset = double(random() % 10);
     for (size_t position = 0; position < audio.bytes.size();) {
-      // Mostly a few KiB, sometimes a handful of bytes, which splits MP3 frames and PCM samples.
+      // Sometimes a handful of bytes, which splits MP3 frames and PCM samples.
       const size_t size = random() % 8 == 0 ? 1 + random() % 16 : 1 + random() % 4096;
       const std::span<const uint8_t> chunk(audio.bytes.data() + position,
                                            std::min(size, audio.bytes.size() - position));
@@ -298,11 +267,7 @@ class PlayerStress {
         player = slot.player;
       }
       if (!player) return endAll();
-      auto delegate = std::make_shared<SentenceDelegate>(player.get());
-      {
-        std::lock_guard lock(delegatesMutex_);
-        roundDelegates_.push_back(delegate);
-      }
+      auto delegate = slot.delegates.emplace_back(std::make_shared<SentenceDelegate>(player.get()));
       const bool first = position == 0;
       const AudioBufPlayerError result = first ? player->playData(chunk, audio.format, delegate, offset)
                                                : player->appendAudioData(chunk, audio.format, delegate, offset);
@@ -314,9 +279,8 @@ class PlayerStress {
         // Released during the call: this thread's reference may be the last.
         if (!slot.player) return endAll();
         if (!first && delegate->started()) {
-          // A stop and a start came before this chunk, which began a sentence of its own with the
-          // middle of the old one. Its audio may never play (an MP3 tail too short for the parser to
-          // lock onto), and the player has no word for "no more is coming": the client stops it.
+          // A stop and a start made this chunk begin a sentence with the old one's middle, which may
+          // never play (an MP3 tail the parser cannot lock onto): the client stops it.
           Stop(slot);
           return playings;
         }
@@ -331,8 +295,7 @@ class PlayerStress {
     return playings;
   }
 
-  // Operations in random order, then what lets every sentence end: the interruption's end, resume
-  // and start.
+  // Random operations, then what lets every sentence end: interruption's end, resume and start.
   void disturb(std::mt19937_64 random) {
     bool interrupted = false;
     AudioSession& session = AudioSession::sharedInstance();
@@ -380,8 +343,7 @@ class PlayerStress {
     }
   }
 
-  // The client's reference goes, here or in the delegate's next call; the caller's copy, and the
-  // producer's while inside a call, may still keep the player for a while.
+  // The client's reference goes, here or in the delegate's next call.
   static void release(Slot& slot, std::unique_lock<std::mutex>& lock, bool byTheDelegate) {
     std::shared_ptr<AudioBufPlayer> player = std::move(slot.player);
     if (auto delegate = DelegateOf(*player)) {
@@ -395,8 +357,6 @@ class PlayerStress {
   const std::vector<SentenceAudio> corpus_;
   std::array<Slot, kPlayers> slots_;
   std::vector<std::weak_ptr<AudioBufPlayer>> lifetimes_;  // the players' own: each expires when it is destroyed
-  std::mutex delegatesMutex_;
-  std::vector<std::shared_ptr<SentenceDelegate>> roundDelegates_;  // guarded by delegatesMutex_
 };
 
 TEST(PlayerStress, RandomInterleavingsNeitherRaceNorHangNorLeakAndEverySentenceEnds) {
@@ -414,14 +374,13 @@ TEST(PlayerStress, RandomInterleavingsNeitherRaceNorHangNorLeakAndEverySentenceE
     PlayerStress stress(seed);
     for (int round = 0; round == 0 || Clock::now() - start < budget; ++round) {
       stress.round(round);
-      ASSERT_EQ(FirstViolation(), "") << "seed " << seed << ", round " << round;
+      ASSERT_FALSE(HasFailure()) << "seed " << seed << ", round " << round;
     }
     stress.releaseAll();
   }
   EXPECT_TRUE(AudioQueueWaitForReleases(kTeardownSeconds));
   EXPECT_EQ(SentenceDelegate::live.load(), 0) << "a delegate was kept";
   EXPECT_EQ(AudioBufPlayerTestPeer::sessionUsageCount(), 0) << "session uses were not given back";
-  EXPECT_EQ(FirstViolation(), "") << "seed " << seed;
 }
 
 }  // namespace
