@@ -13,37 +13,20 @@ Outcome PlayIntoWav(const ScratchFolder& scratch, std::vector<std::string> argum
   return RunBufplay(arguments);
 }
 
-// Allows a decoder to start up to `maxShift` samples earlier or later than the reference decode.
-bool HeardAsFed(std::span<const int16_t> fed, const Recording& recording, int tolerance, size_t maxShift = 0) {
-  const std::span<const int16_t> heard(recording.samples);
-  for (size_t shift = 0; shift <= maxShift; ++shift) {
-    if ((shift < heard.size() && FedWithOnlySilenceAdded(fed, heard.subspan(shift), tolerance)) ||
-        (shift < fed.size() && FedWithOnlySilenceAdded(fed.subspan(shift), heard, tolerance))) {
-      return true;
-    }
-  }
-  return false;
-}
-
 struct Playing {
   const char* name;
   std::vector<std::string> options;
   std::vector<std::string> sentences;  // corpus files, played in order
-  std::vector<std::string> heard;      // corpus files of 16-bit samples, one per sentence
   uint32_t rate;
   double volume = 1.0;
-  size_t maxShift = 0;
 };
 
 TEST(BufplayAudio, EachSentenceIsRecordedAsFedInAFileOfItsOwn) {
   REQUIRE_BUFPLAY();
   const Playing playings[] = {
-      {"RawPcm8k", {"--format", "pcm8k"}, {"hello_s16le_8000.pcm", "hold_s16le_8000.pcm"},
-       {"hello_s16le_8000.pcm", "hold_s16le_8000.pcm"}, 8000},
-      {"HalfVolume", {"--format", "pcm16k", "--volume", "0.5"}, {"hello_s16le_16000.pcm"},
-       {"hello_s16le_16000.pcm"}, 16000, 0.5},
-      // A frame's worth of samples either way: decoders differ in the delay they start with.
-      {"Mp3", {}, {"hello_m2_16k_cbr32_lame_id3v1.mp3"}, {"hello_m2_16k_cbr32_lame_id3v1.ref.pcm"}, 16000, 1.0, 1152},
+      {"RawPcm8k", {"--format", "pcm8k"}, {"hello_s16le_8000.pcm", "hold_s16le_8000.pcm"}, 8000},
+      {"HalfVolume", {"--format", "pcm16k", "--volume", "0.5"}, {"hello_s16le_16000.pcm"}, 16000, 0.5},
+      {"Mp3", {}, {"hello_m2_16k_cbr32_lame_id3v1.mp3"}, 16000},
   };
   for (const Playing& playing : playings) {
     SCOPED_TRACE(playing.name);
@@ -53,16 +36,19 @@ TEST(BufplayAudio, EachSentenceIsRecordedAsFedInAFileOfItsOwn) {
     const Outcome outcome = PlayIntoWav(scratch, arguments);
     ASSERT_EQ(outcome.exitStatus, 0) << outcome.err;
     const std::vector<Recording> recordings = ReadRecordings(scratch);
-    ASSERT_EQ(recordings.size(), playing.heard.size());
+    ASSERT_EQ(recordings.size(), playing.sentences.size());
     for (size_t n = 0; n < recordings.size(); ++n) {
       const Recording& recording = recordings[n];
       EXPECT_EQ(recording.rate, playing.rate);
       EXPECT_EQ(recording.channels, 1u);
       EXPECT_EQ(recording.bits, 16u);
-      std::vector<int16_t> fed = Samples(ReadCorpusFile(playing.heard[n]));
+      // An MP3 is heard as the reference decode of the library the player links, sample for sample.
+      std::string heard = playing.sentences[n];
+      if (heard.ends_with(".mp3")) heard.replace(heard.size() - 4, 4, ".ref.pcm");
+      std::vector<int16_t> fed = Samples(ReadCorpusFile(heard));
       for (int16_t& sample : fed) sample = int16_t(std::lround(sample * playing.volume));
       // The gain may round either way.
-      EXPECT_TRUE(HeardAsFed(fed, recording, playing.volume == 1.0 ? 0 : 1, playing.maxShift)) << playing.heard[n];
+      EXPECT_TRUE(FedWithOnlySilenceAdded(fed, recording.samples, playing.volume == 1.0 ? 0 : 1)) << heard;
     }
   }
 }
@@ -214,7 +200,7 @@ TEST(BufplayAudio, WavInputPlaysItsSamplesOrNamesWhatDoesNotFit) {
       EXPECT_NEAR(double(recording.samples.size()) / 16000, double(fed.size()) / layout.rate, 0.01);
     } else {
       EXPECT_EQ(recording.rate, layout.rate);
-      EXPECT_TRUE(HeardAsFed(fed, recording, 0));
+      EXPECT_TRUE(FedWithOnlySilenceAdded(fed, recording.samples));
     }
   }
 }
