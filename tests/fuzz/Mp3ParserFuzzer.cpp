@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <vector>
 
 #include "Audio/Platform/AudioFileStream.h"
@@ -69,16 +70,12 @@ void onPackets(void* clientData, uint32_t byteCount, uint32_t packetCount, const
 
 // Chunk sizes from the input's last bytes, mostly small so that frames and tags straddle chunks.
 std::vector<size_t> chunkSizes(const uint8_t* data, size_t size) {
-  uint32_t state = 0x9e3779b9u ^ uint32_t(size);
-  for (size_t i = size >= 4 ? size - 4 : 0; i < size; ++i) state = state * 31 + data[i];
+  uint32_t seed = uint32_t(size);
+  for (size_t i = size >= 4 ? size - 4 : 0; i < size; ++i) seed = seed * 31 + data[i];
+  std::minstd_rand random(seed);
   std::vector<size_t> sizes;
-  for (size_t total = 0; total < size;) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    const size_t chunk = (state & 0x300) ? 1 + state % 64 : 1 + state % 6000;
-    sizes.push_back(chunk);
-    total += chunk;
+  for (size_t total = 0; total < size; total += sizes.back()) {
+    sizes.push_back(random() % 4 ? 1 + random() % 64 : 1 + random() % 6000);
   }
   return sizes;
 }
