@@ -1,7 +1,7 @@
 // bufplay plays into the WAV output faster than real time, and what it recorded is compared with
 // what it was given. Not here: the sound card, and anything about timing.
 #include <cmath>
-#include <cstdio>
+#include <cstdlib>
 
 #include "e2e/WavRecording.h"
 
@@ -53,18 +53,6 @@ TEST(BufplayAudio, EachSentenceIsRecordedAsFedInAFileOfItsOwn) {
   }
 }
 
-std::vector<uint8_t> Synthesize(const std::string& text) {
-  std::vector<uint8_t> wav;
-  FILE* synthesizer = popen(("espeak-ng --stdout '" + text + "'").c_str(), "r");
-  if (!synthesizer) return wav;
-  char block[4096];
-  for (size_t got; (got = std::fread(block, 1, sizeof block, synthesizer)) > 0;) {
-    wav.insert(wav.end(), block, block + got);
-  }
-  EXPECT_EQ(pclose(synthesizer), 0) << "espeak-ng failed (scripts/setup installs it)";
-  return wav;
-}
-
 // Reads into `text` until it shows `marker` (empty: until the end), or nothing comes for a minute.
 void ReadUntil(int fd, std::string& text, const std::string& marker) {
   pollfd readable{fd, POLLIN, 0};
@@ -83,10 +71,13 @@ TEST(BufplayAudio, SynthesizerPipeIsHeardWholeAndStartsWhileItStalls) {
   REQUIRE_BUFPLAY();
   constexpr size_t kHeaderBytes = 44;
   constexpr double kEspeakRate = 22050;
-  const std::vector<uint8_t> wav = Synthesize("Streaming speech plays while the synthesizer is still writing it.");
+  ScratchFolder scratch;
+  const std::string synthesize =
+      "espeak-ng --stdout 'Streaming speech plays while the synthesizer is still writing it.' >" + scratch.file("in");
+  ASSERT_EQ(std::system(synthesize.c_str()), 0) << "espeak-ng failed (scripts/setup installs it)";
+  const std::vector<uint8_t> wav = ReadBytes(scratch.file("in"));
   ASSERT_GT(wav.size(), kHeaderBytes + 88200) << "espeak-ng wrote less than two seconds";
   const size_t stallAt = kHeaderBytes + 2 * size_t(kEspeakRate);
-  ScratchFolder scratch;
   int in[2], out[2];
   ASSERT_EQ(pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC), 0);
   const int err = open("/dev/null", O_WRONLY | O_CLOEXEC);
