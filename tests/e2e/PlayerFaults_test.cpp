@@ -54,11 +54,8 @@ class PlayerFaults : public testing::TestWithParam<Fault> {
         const size_t size = std::min(from == 0 ? kFirstChunkBytes : kChunkBytes, speech_.size() - from);
         const std::span<const uint8_t> chunk(speech_.data() + from, size);
         const auto format = QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K;
-        if (from == 0) {
-          player_->playData(chunk, format, delegate, 0.0);
-        } else {
-          player_->appendAudioData(chunk, format, delegate, 0.0);
-        }
+        from == 0 ? player_->playData(chunk, format, delegate, 0.0)
+                  : player_->appendAudioData(chunk, format, delegate, 0.0);
         from += size;
       }
     });
