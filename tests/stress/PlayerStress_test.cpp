@@ -5,9 +5,7 @@
 // ABP_STRESS_SEED replays a run's choices (not the thread schedule); ABP_STRESS_SECONDS its budget.
 // Delegates fail the test from any thread: gtest's assertions are thread-safe.
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,8 +29,6 @@
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "corpus/Corpus.h"
 #include "unit/AudioBufPlayerTestPeer.h"
-
-extern char** environ;
 
 namespace stress_test {
 namespace {
@@ -64,14 +60,8 @@ void WatchForStalls(std::stop_token stop) {
     } else if (Clock::now() - lastMove > kStall) {
       std::fprintf(stderr, "\nstress: no progress for %lld s: deadlock or a sentence that never ends\n",
                    static_cast<long long>(kStall.count()));
-      const std::string pid = std::to_string(getpid());
-      const char* const argv[] = {"gdb", "-p", pid.c_str(), "-batch", "-ex", "thread apply all bt", nullptr};
-      pid_t gdb = 0;
-      if (posix_spawnp(&gdb, "gdb", nullptr, nullptr, const_cast<char* const*>(argv), environ) == 0) {
-        waitpid(gdb, nullptr, 0);
-      } else {
-        std::fprintf(stderr, "stress: gdb is not available to print the threads' stacks\n");
-      }
+      const std::string gdb = "gdb -p " + std::to_string(getpid()) + " -batch -ex 'thread apply all bt' 1>&2";
+      if (std::system(gdb.c_str()) != 0) std::fprintf(stderr, "stress: gdb could not print the threads' stacks\n");
       std::fflush(stderr);
       std::abort();
     }
