@@ -15,12 +15,12 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -97,7 +97,7 @@ class SoundServer {
   pid_t daemon_ = -1;
 };
 
-// Records the sink's monitor from construction to stop(), noting when each piece arrived.
+// Records the sink's monitor from construction to stop(), noting how much had arrived when.
 class MonitorRecording {
  public:
   using Clock = std::chrono::steady_clock;
@@ -109,58 +109,50 @@ class MonitorRecording {
                   "--rate=" + std::to_string(kRecordRate), "--channels=1", "--latency-msec=10", "--raw"},
                  fds[1]);
     close(fds[1]);
-    reader_ = std::thread([this, fd = fds[0]] { read(fd); });
+    reader_ = std::thread([this, fd = fds[0]] {
+      int16_t piece[1024];
+      for (ssize_t got; (got = read(fd, piece, sizeof piece)) > 0;) {
+        std::lock_guard lock(mutex_);
+        samples_.insert(samples_.end(), piece, piece + got / 2);  // parec writes whole samples
+        arrivals_.emplace_back(Clock::now(), samples_.size());
+        arrived_.notify_all();
+      }
+      close(fd);
+    });
   }
   ~MonitorRecording() { stop(); }
 
   // The monitor delivers silence too once it runs.
   bool waitUntilRecording() {
     std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !bytes_.empty(); });
+    return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !samples_.empty(); });
   }
 
   void stop() {
     if (pid_ > 0) {
       kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-      pid_ = -1;
+      waitpid(std::exchange(pid_, -1), nullptr, 0);
     }
     if (reader_.joinable()) reader_.join();
   }
 
   // After stop().
-  std::vector<int16_t> samples() const {
-    std::vector<int16_t> samples(bytes_.size() / 2);
-    std::memcpy(samples.data(), bytes_.data(), samples.size() * 2);
-    return samples;
-  }
+  const std::vector<int16_t>& samples() const { return samples_; }
   size_t samplesBy(Clock::time_point when) const {
     size_t count = 0;
-    for (const auto& [time, total] : arrivals_) {
-      if (time > when) break;
-      count = total;
+    for (auto arrival = arrivals_.begin(); arrival != arrivals_.end() && arrival->first <= when; ++arrival) {
+      count = arrival->second;
     }
     return count;
   }
 
  private:
-  void read(int fd) {
-    uint8_t piece[2048];
-    for (ssize_t got; (got = ::read(fd, piece, sizeof piece)) > 0;) {
-      std::lock_guard lock(mutex_);
-      bytes_.insert(bytes_.end(), piece, piece + got);
-      arrivals_.emplace_back(Clock::now(), bytes_.size() / 2);
-      arrived_.notify_all();
-    }
-    close(fd);
-  }
-
   pid_t pid_ = -1;
   std::thread reader_;
   std::mutex mutex_;
   std::condition_variable arrived_;
   // Guarded by mutex_ until stop().
-  std::vector<uint8_t> bytes_;  // 16-bit little-endian samples
+  std::vector<int16_t> samples_;
   std::vector<std::pair<Clock::time_point, size_t>> arrivals_;
 };
 
