@@ -3,7 +3,6 @@
 // never touched, and works as root. It points the process environment at itself.
 #pragma once
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -30,21 +29,6 @@ namespace sound_server_test {
 inline constexpr uint32_t kRecordRate = 16000;
 inline constexpr const char* kSink = "abp_sink";
 
-// Standard output to `stdoutFd`, standard error to /dev/null. Returns the pid, or -1.
-inline pid_t Spawn(const std::vector<std::string>& args, int stdoutFd) {
-  std::vector<char*> argv;
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  const int failed = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return failed == 0 ? pid : -1;
-}
-
 class SoundServer {
  public:
   SoundServer() {
@@ -66,12 +50,10 @@ class SoundServer {
     setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
     // Daemonised, pulseaudio returns once it is ready to serve, or has failed. Should this process
     // die first, the daemon ends itself once no client has been left for 20 s.
-    const pid_t starter = Spawn({"pulseaudio", "--daemonize=yes", "--system=false", "-n", "-F", dir_ + "/server.pa",
-                                 "--exit-idle-time=20", "--disallow-exit", "--use-pid-file=yes", "--disable-shm=yes",
-                                 "--log-target=file:" + dir_ + "/daemon.log"},
-                                STDERR_FILENO);
-    if (starter > 0) waitpid(starter, nullptr, 0);
-    std::ifstream(dir_ + "/runtime/pid") >> daemon_;
+    const std::string start = "pulseaudio --daemonize=yes --system=false -n -F " + dir_ + "/server.pa" +
+                              " --exit-idle-time=20 --disallow-exit --use-pid-file=yes --disable-shm=yes" +
+                              " --log-target=file:" + dir_ + "/daemon.log 2>/dev/null";
+    if (std::system(start.c_str()) == 0) std::ifstream(dir_ + "/runtime/pid") >> daemon_;
   }
 
   // Waits until the daemon has ended (it writes into the folder as it goes), then removes the folder.
@@ -105,9 +87,15 @@ class MonitorRecording {
   MonitorRecording() {
     int fds[2];
     if (pipe(fds) != 0) return;
-    pid_ = Spawn({"parec", std::string("--device=") + kSink + ".monitor", "--format=s16le",
-                  "--rate=" + std::to_string(kRecordRate), "--channels=1", "--latency-msec=10", "--raw"},
-                 fds[1]);
+    const std::string device = std::string("--device=") + kSink + ".monitor";
+    const std::string rate = "--rate=" + std::to_string(kRecordRate);
+    const char* argv[] = {"parec", device.c_str(), rate.c_str(), "--format=s16le", "--channels=1",
+                          "--latency-msec=10", "--raw", nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    if (posix_spawnp(&pid_, argv[0], &actions, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
     reader_ = std::thread([this, fd = fds[0]] {
       int16_t piece[1024];
