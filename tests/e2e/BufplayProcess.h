@@ -1,29 +1,21 @@
-// Shared by the Bufplay*_test.cpp files: runs the built bufplay as a child process, the way a user
-// does, and hands back what it wrote and how it ended. Standard input is /dev/null, or a pipe that
-// the test writes as a synthesizer would, and the outputs are pipes, so bufplay sees no terminal:
-// no live display, no keys.
+// Runs the built bufplay as a child process, the way a user does, with files or pipes for its
+// standard streams, so that it sees no terminal.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <chrono>
-#include <condition_variable>
-#include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "corpus/Corpus.h"
@@ -38,11 +30,11 @@ inline constexpr const char* kBufplay = BUFPLAY_PATH;
 inline constexpr const char* kBufplay = nullptr;
 #endif
 
-// Skips the calling test when the build has no bufplay (tools switched off).
 #define REQUIRE_BUFPLAY() \
   if (!bufplay_test::kBufplay) GTEST_SKIP() << "bufplay is not built (ABP_BUILD_TOOLS is OFF)"
 
 using corpus::CorpusPath;
+using corpus::ReadCorpusFile;
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -50,19 +42,22 @@ inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-  ASSERT_TRUE(out.good()) << "cannot write " << path;
+inline std::string ReadText(const std::string& path) {
+  const std::vector<uint8_t> bytes = ReadBytes(path);
+  return std::string(bytes.begin(), bytes.end());
 }
 
-// A folder of its own for each test, removed with everything in it.
+inline void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
+
 class ScratchFolder {
  public:
   ScratchFolder() {
     std::string pattern = testing::TempDir() + "bufplay-XXXXXX";
-    if (mkdtemp(pattern.data())) path_ = pattern;
-    EXPECT_FALSE(path_.empty()) << "mkdtemp: " << std::strerror(errno);
+    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+    path_ = pattern;
   }
   ~ScratchFolder() {
     std::error_code ignored;
@@ -74,130 +69,52 @@ class ScratchFolder {
   std::string path_;
 };
 
-struct Outcome {
-  int exitStatus = -1;  // 128 + signal when it was killed
-  std::string out;
-  std::string err;
-};
-
-// What a test writes to bufplay's standard input: `first`, then, once standard output shows
-// `waitFor` (or, failing that, at the deadline), `rest`; then it closes the pipe.
-struct StandardInput {
-  std::vector<uint8_t> first;
-  std::string waitFor;
-  std::vector<uint8_t> rest;
-  bool waitedInVain = false;  // set when `waitFor` never showed
-};
-
-// Runs bufplay with the arguments until it exits. A run that outlives the deadline is killed and
-// fails the test instead of hanging it.
-inline Outcome RunBufplay(const std::vector<std::string>& arguments,
-                          std::chrono::seconds deadline = std::chrono::seconds(120), StandardInput* input = nullptr) {
-  Outcome outcome;
-  std::array<int, 2> outPipe{};
-  std::array<int, 2> errPipe{};
-  std::array<int, 2> inPipe{};
-  if (pipe2(outPipe.data(), O_CLOEXEC) != 0 || pipe2(errPipe.data(), O_CLOEXEC) != 0 ||
-      pipe2(inPipe.data(), O_CLOEXEC) != 0) {
-    ADD_FAILURE() << "pipe: " << std::strerror(errno);
-    return outcome;
-  }
-  signal(SIGPIPE, SIG_IGN);  // bufplay may stop reading early; the writer then sees EPIPE
+// Starts bufplay with the arguments and these file descriptors as its standard streams.
+inline pid_t StartBufplay(const std::vector<std::string>& arguments, int in, int out, int err) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (input) {
-    posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  }
-  posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   std::vector<char*> argv{const_cast<char*>(kBufplay)};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
-  pid_t child = 0;
-  const int spawned = posix_spawn(&child, kBufplay, &actions, nullptr, argv.data(), environ);
+  pid_t child = -1;
+  EXPECT_EQ(posix_spawn(&child, kBufplay, &actions, nullptr, argv.data(), environ), 0) << "cannot start " << kBufplay;
   posix_spawn_file_actions_destroy(&actions);
-  close(outPipe[1]);
-  close(errPipe[1]);
-  close(inPipe[0]);
-  if (spawned != 0) {
-    ADD_FAILURE() << "cannot start " << kBufplay << ": " << std::strerror(spawned);
-    close(outPipe[0]);
-    close(errPipe[0]);
-    close(inPipe[1]);
-    return outcome;
-  }
-
-  const auto giveUpAt = std::chrono::steady_clock::now() + deadline;
-  std::mutex outputMutex;
-  std::condition_variable outputGrew;
-  bool outputEnded = false;  // guarded by outputMutex, as outcome.out is while the writer runs
-  std::thread writer([&] {
-    const auto writeAll = [&](const std::vector<uint8_t>& bytes) {
-      for (size_t done = 0; done < bytes.size();) {
-        const ssize_t written = write(inPipe[1], bytes.data() + done, bytes.size() - done);
-        if (written < 0 && errno != EINTR) return;
-        if (written > 0) done += size_t(written);
-      }
-    };
-    if (input) {
-      writeAll(input->first);
-      std::unique_lock lock(outputMutex);
-      outputGrew.wait_until(lock, giveUpAt,
-                            [&] { return outputEnded || outcome.out.find(input->waitFor) != std::string::npos; });
-      input->waitedInVain = outcome.out.find(input->waitFor) == std::string::npos;
-      lock.unlock();
-      writeAll(input->rest);
-    }
-    close(inPipe[1]);
-  });
-  std::array<pollfd, 2> pipes{{{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}}};
-  std::array<std::string*, 2> sinks{&outcome.out, &outcome.err};
-  bool killed = false;
-  while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(giveUpAt - std::chrono::steady_clock::now());
-    if (left.count() <= 0 && !killed) {
-      ADD_FAILURE() << "bufplay still ran after " << deadline.count() << " s; killed";
-      kill(child, SIGKILL);
-      killed = true;
-    }
-    poll(pipes.data(), pipes.size(), killed ? -1 : int(std::max<int64_t>(left.count(), 0)));
-    for (size_t index = 0; index < pipes.size(); ++index) {
-      if (pipes[index].fd < 0 || pipes[index].revents == 0) continue;
-      char block[4096];
-      const ssize_t got = read(pipes[index].fd, block, sizeof block);
-      if (got > 0) {
-        std::lock_guard lock(outputMutex);
-        sinks[index]->append(block, size_t(got));
-      } else if (got == 0 || errno != EINTR) {
-        close(pipes[index].fd);
-        pipes[index].fd = -1;
-      }
-      outputGrew.notify_all();
-    }
-  }
-  {
-    std::lock_guard lock(outputMutex);
-    outputEnded = true;
-  }
-  outputGrew.notify_all();
-  writer.join();
-  int status = 0;
-  waitpid(child, &status, 0);
-  outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return outcome;
+  return child;
 }
 
-// Lines of text, without their line ends.
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    lines.push_back(text.substr(start, end - start));
+// Its exit status (128 + signal when it was killed). One still running after two minutes is killed
+// and fails the test instead of hanging it.
+inline int AwaitBufplay(pid_t child) {
+  if (child <= 0) return -1;
+  pollfd exited{int(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+  if (poll(&exited, 1, 120000) == 0) {
+    ADD_FAILURE() << "bufplay still ran after two minutes; killed";
+    kill(child, SIGKILL);
   }
-  if (start < text.size()) lines.push_back(text.substr(start));
-  return lines;
+  close(exited.fd);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+struct Outcome {
+  int exitStatus = -1;
+  std::string out, err;
+};
+
+// Runs bufplay to its end with standard input read from `input`.
+inline Outcome RunBufplay(const std::vector<std::string>& arguments, const std::string& input = "/dev/null") {
+  ScratchFolder outputs;
+  const int in = open(input.c_str(), O_RDONLY | O_CLOEXEC);
+  const int out = open(outputs.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const int err = open(outputs.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const pid_t child = StartBufplay(arguments, in, out, err);
+  for (const int fd : {in, out, err}) close(fd);
+  const int exitStatus = AwaitBufplay(child);
+  return {exitStatus, ReadText(outputs.file("out")), ReadText(outputs.file("err"))};
 }
 
 }  // namespace bufplay_test

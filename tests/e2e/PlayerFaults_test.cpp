@@ -1,6 +1,6 @@
-// Plan: the real player on the real platform, meeting each fault an output queue can have (armed
-// with the test switches of OutputFaults.h). Each sentence with a fault ends in a defined state (its
-// error reported, its producer back, no hang), and the next sentence plays to its end.
+// The real player on the real platform meets each fault an output queue can have (armed with the
+// switches of OutputFaults.h): the sentence ends in a defined state (its error reported, its
+// producer back, no hang), and the next sentence plays to its end.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -13,14 +13,11 @@
 
 namespace {
 
-using QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K;
-
 // A second of audio first, so that the producer keeps ahead of a clock 20 times faster than real
 // time even under a sanitizer, then 0.1 s a chunk.
 constexpr size_t kFirstChunkBytes = 32000;
 constexpr size_t kChunkBytes = 3200;
 
-// What the test does while the sentence with the fault is fed.
 enum class Meanwhile { Nothing, ResumeOnPause, LoseDeviceOnProgress };
 
 struct Fault {
@@ -50,18 +47,16 @@ class PlayerFaults : public testing::TestWithParam<Fault> {
     EXPECT_TRUE(AudioQueueWaitForReleases(30.0));
   }
 
-  // Feeds the sentence on a thread of its own, as a speech engine does.
+  // On a thread of its own, as a speech engine feeds.
   std::future<void> feed(const std::shared_ptr<RecordingDelegate>& delegate) {
     return std::async(std::launch::async, [this, delegate] {
       for (size_t from = 0; from < speech_.size();) {
         const size_t size = std::min(from == 0 ? kFirstChunkBytes : kChunkBytes, speech_.size() - from);
         const std::span<const uint8_t> chunk(speech_.data() + from, size);
+        const auto format = QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K;
+        from == 0 ? player_->playData(chunk, format, delegate, 0.0)
+                  : player_->appendAudioData(chunk, format, delegate, 0.0);
         from += size;
-        if (chunk.data() == speech_.data()) {
-          player_->playData(chunk, EAudioPlayerAudioFormat_PCM16K, delegate, 0.0);
-        } else {
-          player_->appendAudioData(chunk, EAudioPlayerAudioFormat_PCM16K, delegate, 0.0);
-        }
       }
     });
   }
@@ -72,22 +67,16 @@ class PlayerFaults : public testing::TestWithParam<Fault> {
 
 TEST_P(PlayerFaults, EndsInADefinedStateAndTheNextSentencePlays) {
   const Fault& fault = GetParam();
-  ASSERT_FALSE(speech_.empty());
   AudioQueueFailNextCalls(fault.call, fault.status, fault.count);
   auto faulty = std::make_shared<RecordingDelegate>();
   std::future<void> producer = feed(faulty);
-  switch (fault.meanwhile) {
-    case Meanwhile::Nothing:
-      break;
-    case Meanwhile::ResumeOnPause:
-      ASSERT_TRUE(faulty->waitFor("PlayerWasPaused"));
-      EXPECT_EQ(faulty->events().back().source, fault.expectedPause);
-      player_->resume();
-      break;
-    case Meanwhile::LoseDeviceOnProgress:
-      ASSERT_TRUE(faulty->waitFor("playProgressChanged"));
-      ASSERT_EQ(AudioQueueLoseDevice(AudioOutputNewestQueue()), noErr);
-      break;
+  if (fault.meanwhile == Meanwhile::ResumeOnPause) {
+    ASSERT_TRUE(faulty->waitFor("PlayerWasPaused"));
+    EXPECT_EQ(faulty->events().back().source, fault.expectedPause);
+    player_->resume();
+  } else if (fault.meanwhile == Meanwhile::LoseDeviceOnProgress) {
+    ASSERT_TRUE(faulty->waitFor("playProgressChanged"));
+    ASSERT_EQ(AudioQueueLoseDevice(AudioOutputNewestQueue()), noErr);
   }
   ASSERT_EQ(producer.wait_for(RecordingDelegate::kWaitTimeout), std::future_status::ready) << "the producer hangs";
   if (!fault.expectedReport.empty()) {
@@ -100,7 +89,6 @@ TEST_P(PlayerFaults, EndsInADefinedStateAndTheNextSentencePlays) {
     EXPECT_EQ(error->error, fault.expectedError) << error->description;
     EXPECT_NE(error->description.find(FourCCText(fault.status).data()), std::string::npos) << error->description;
   }
-  // Whatever is left of the sentence goes; the next one plays from its start to its end.
   player_->stop();
   player_->start();
   AudioQueueFailNextCalls(fault.call, noErr, 0);
@@ -114,7 +102,7 @@ TEST_P(PlayerFaults, EndsInADefinedStateAndTheNextSentencePlays) {
   for (const DelegateEvent& event : next->events()) {
     if (event.name == "playProgressChanged") lastPosition = event.seconds;
   }
-  EXPECT_NEAR(lastPosition, double(speech_.size()) / 32000.0, 0.01);
+  EXPECT_NEAR(lastPosition, double(speech_.size()) / 32000.0, 0.01) << "the next sentence did not play whole";
 }
 
 INSTANTIATE_TEST_SUITE_P(
