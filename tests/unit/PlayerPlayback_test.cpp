@@ -1,15 +1,14 @@
-// Plan: starting the queue and following its running state. A start refused for an interruption
-// or the background holds the producer, says why and pauses until the hold ends; any other start
-// failure is reported and retried by the next enqueue; a stop of the queue ends the sentence, and
-// with session management keeps the session for a while; a stop reported while paused waits for
-// the resume (a stop of a queue that is no longer its sentence's: sentence end tests).
-// Not here: what a pause or resume does to the queue (pause and resume tests). The 0.8 s of the
-// hold are not measured, only that the session is still held when the finished notification
-// arrives and released later. A change to "running" only writes a DEBUG line, after which no event
-// comes that a test could wait for, so it goes untested. The fixture's player does not manage the
-// session, so it is never subscribed: the end of the interruption is handed to it directly here
-// (ManagingPlayerHeldByARefusedStartHearsTheInterruptionEnd covers the notification path).
+// Starting the queue and following its running state to the sentence's one end. A start refused
+// for an interruption or the background holds the producer, says why and pauses until the hold
+// ends; any other start failure is reported and retried by the next enqueue; a stop of the queue
+// ends the sentence, and with session management keeps the session for a while (not measured:
+// still held when the finished notification arrives, released later); a stop reported while
+// paused waits for the resume; a queue left playing out by an ended sentence ends no other one.
+// The fixture's player is not subscribed to the session: the end of an interruption is handed to
+// it directly.
 #include <future>
+
+#include "Audio/Platform/Dispatch.h"
 
 #include "Audio/Platform/Application.h"
 #include "unit/PlayerTestFixture.h"
@@ -21,6 +20,8 @@ using Lines = std::vector<std::string>;
 
 constexpr size_t kBuffer = AudioBufPlayer::kBufferByteSize;
 constexpr uint16_t kPlaying = AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUEUE_STARTED;
+[[nodiscard]] bool postedWorkDone() { return dispatch_wait_until_idle(fake::kWaitTimeout.count()); }
+
 constexpr uint16_t kHeld = AudioBufPlayer::PS_QUEUE_PAUSED | AudioBufPlayer::PS_INTERRUPTED;
 
 TEST_F(PlayerTest, StartRefusedForInterruptionOrBackgroundHoldsTheProducerUntilTheHoldEnds) {
@@ -69,21 +70,6 @@ TEST_F(PlayerTest, StartRefusedForInterruptionOrBackgroundHoldsTheProducerUntilT
     EXPECT_EQ(paused[0].source, c.source);
     EXPECT_EQ(eventsNamed(events, "PlayerError").size(), 0u);
   }
-}
-
-TEST_F(PlayerTest, ManagingPlayerHeldByARefusedStartHearsTheInterruptionEnd) {
-  player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, true);
-  player->start();
-  ASSERT_TRUE(fake::beginInterruption());
-  auto producer = std::async(std::launch::async, [&] { return play(testBytes(2 * kBuffer), kPCM16K); });
-  const StopOnExit stopOnFailure(*player);
-  ASSERT_TRUE(delegate->waitFor("PlayerWasPaused"));
-  EXPECT_TRUE(peer().isListeningInterruptions());
-
-  ASSERT_TRUE(fake::endInterruption());
-  ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-  EXPECT_EQ(peer().status(), kPlaying);
-  ASSERT_TRUE(delegate->waitFor("PlayerWasResumed"));
 }
 
 TEST_F(PlayerTest, OtherStartFailureIsReportedAndTheNextEnqueueStartsAgain) {
@@ -141,6 +127,49 @@ TEST_F(PlayerTest, QueueStopReportedWhilePausedIsHandledOnlyAfterTheResume) {
   EXPECT_EQ(callsWith({"AudioQueueStart", "AudioQueuePause", "AudioQueueDispose"}),
             (Lines{"AudioQueueStart q=1", "AudioQueuePause q=1", "AudioQueueStart q=1",
                    "AudioQueueDispose q=1 immediate=1"}));
+}
+
+TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
+  for (const bool nextSentence : {false, true}) {
+    SCOPED_TRACE(nextSentence ? "next sentence under way" : "no next sentence");
+    startOver();
+    // The next sentence's first chunk holds no frame yet (a tag, say): it opens no queue of its own.
+    fake::setParserBehaviour(
+        [](fake::ParseContext& parse) { return parse.call() == 1 ? noErr : parse.parseByDefault(); });
+    ASSERT_EQ(play(testBytes(16000), kPCM16K), AudioBufPlayerError_OK);  // 0.5 s in four buffers
+    fake::Queue first = fake::queue(1);
+    first.setSampleTime(6000);  // 0.375 s played: the queue is told to stop after what it holds
+    ASSERT_TRUE(first.playBack());
+    ASSERT_EQ(play({}, kPCM16K), AudioBufPlayerError_OK);  // the client ends the sentence
+    if (nextSentence) {
+      ASSERT_EQ(play(testBytes(100), kMP3), AudioBufPlayerError_OK);
+    }
+    ASSERT_TRUE(first.playBackAll());
+    ASSERT_TRUE(first.reportRunning(false));
+    ASSERT_TRUE(postedWorkDone());
+
+    EXPECT_EQ(peer().status(), nextSentence ? AudioBufPlayer::PS_ACTIVE : 0);
+    if (nextSentence) {
+      EXPECT_EQ(append(testBytes(836), kMP3), AudioBufPlayerError_OK);
+      EXPECT_EQ(fake::queue(2).state().enqueued.size(), 1u) << "the sentence goes on with its own parser";
+    }
+    const std::vector<DelegateEvent> events = deliveredEvents();
+    EXPECT_EQ(eventsNamed(events, "playerWillStartPlayback").size(), nextSentence ? 2u : 1u);
+    EXPECT_EQ(eventsNamed(events, "PlaybackFinished").size(), 1u);
+  }
+}
+
+TEST_F(PlayerTest, StopWhoseRunningStateCannotBeReadStillEndsTheSentence) {
+  ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
+  fake::failCall("AudioQueueGetProperty", kAudioQueueErr_InvalidQueue);
+  CapturedLog log;
+  ASSERT_TRUE(fake::lastQueue().reportRunning(false));
+  ASSERT_TRUE(postedWorkDone());
+  EXPECT_EQ(peer().status(), 0);
+  EXPECT_EQ(log.countLines("DEBUG", "AudioQueueGetProperty(IsRunning) returned: " +
+                                        std::to_string(kAudioQueueErr_InvalidQueue) + " taken as stopped"),
+            1u);
+  EXPECT_EQ(eventsNamed(deliveredEvents(), "PlaybackFinished").size(), 1u);
 }
 
 }  // namespace

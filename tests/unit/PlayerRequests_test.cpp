@@ -1,11 +1,7 @@
-// Plan: what playData and appendAudioData return and change. Refusals before start and for
-// unsupported formats; an append to an idle player that starts the request; the delegate
-// argument; appends refused for another format or after the run-out point while the sentence
-// plays on; empty first chunks; a failed MP3 start; a first chunk dropped during a request; the
-// chunk length line.
-// Not here: what becomes of the chunk's packets (packing tests) and of the stream (stream tests).
-// That the length line is written before the mutex is taken shows only as far as a stopped player
-// writes it too.
+// What playData and appendAudioData return and change: refusals before start and for unsupported
+// formats; an append to an idle player that starts the request; appends refused for another format
+// or after the run-out point while the sentence plays on; empty first chunks; a failed MP3 start; a
+// first chunk dropped during a request.
 #include <thread>
 
 #include "unit/PlayerTestFixture.h"
@@ -53,14 +49,6 @@ TEST_F(PlayerRequests, AppendToAnIdlePlayerStartsTheRequestWithItsOwnDelegateAnd
   EXPECT_DOUBLE_EQ(other->events().back().seconds, 3.5);
   EXPECT_EQ(log.count("]Stream type PCM8\n"), 1u);
   EXPECT_EQ(log.count("Append Stream type"), 0u);
-}
-
-TEST_F(PlayerRequests, NullDelegateKeepsTheDelegateOfThePreviousRequest) {
-  ASSERT_EQ(play(testBytes(100), kPCM8K), AudioBufPlayerError_OK);
-  player->stop();
-  player->start();
-  EXPECT_EQ(player->playData(testBytes(100), kPCM8K, nullptr, 0.0), AudioBufPlayerError_OK);
-  EXPECT_EQ(delegate->count("playerWillStartPlayback"), 2u);
 }
 
 TEST_F(PlayerRequests, AppendOfAnotherFormatIsRefusedWhileTheSentenceGoesOn) {
@@ -138,21 +126,6 @@ TEST_F(PlayerRequests, FirstChunkDuringARequestIsDroppedWithOk) {
   EXPECT_EQ(peer().currentFormat(), kPCM8K);
   EXPECT_TRUE(fake::calls().empty());
   EXPECT_TRUE(delegate->events().empty());
-}
-
-TEST_F(PlayerRequests, AppendWritesTheChunkLengthFirstEvenWhenStopped) {
-  const struct {
-    bool stopped;
-    size_t length;
-  } cases[] = {{true, 1234}, {false, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.length);
-    startOver();
-    if (c.stopped) player->stop();
-    CapturedLog log;
-    append(testBytes(c.length), kPCM8K);
-    EXPECT_EQ(log.count("]Audio data len: " + std::to_string(c.length) + "\n"), 1u);
-  }
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
-// Plan: the shared session. The process-wide activation count (platform calls only on 0->1 and
-// 1->0 with management, the end at 0, exceptions, the remote-control task posted whatever the
-// session call does); a player's uses (category before activation, subscriptions after it and
-// ended after the release, absent versus empty categories); the update operations idle and in
-// use; the management switch in use; a player destroyed while notifications are being posted.
-// Not here: when the queue opens and closes uses (queue tests) and what an interruption does
-// (pause and resume tests). The remote-control task runs later on the main queue, so its order
-// against the session call cannot be seen; that it was posted before the call shows when the
-// call raises.
+// The shared session: the process-wide activation count, a player's uses (category before
+// activation, subscriptions after it and ended after the release), the update operations idle and
+// in use, and the management switch. The remote-control task runs later on the main queue, so its
+// order against the session call cannot be seen; that it was posted before the call shows when
+// the call raises.
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -89,24 +84,36 @@ TEST_F(PlayerSessionTest, OtherExceptionPropagatesAndLeavesTheCountUnlocked) {
   EXPECT_EQ(Peer::sessionUsageCount(), 0);
 }
 
-TEST_F(PlayerSessionTest, OnlyAPlayersFirstOpeningAndLastClosingAct) {
-  const auto p = managing("Playback", 3);
-  Peer peer(p);
-  peer.setOrResetAVSession(false);
-  EXPECT_EQ(fake::calls("set"), (Lines{"setCategory Playback options=3", "setActive 1 options=1"}));
-  EXPECT_TRUE(peer.isListeningInterruptions());
-  takeSessionCalls();
-  struct Step { bool reset; int64_t uses; bool listening; Lines calls; };
-  const Step steps[] = {
-      {false, 2, true, {}}, {true, 1, true, {}}, {true, 0, false, kDeactivation}, {true, 0, false, {}}};
-  for (size_t i = 0; i < std::size(steps); ++i) {
-    SCOPED_TRACE(testing::Message() << "step " << i);
-    peer.setOrResetAVSession(steps[i].reset);
-    EXPECT_EQ(p->audioSessionSetCount(), steps[i].uses);
-    EXPECT_EQ(peer.isListeningInterruptions(), steps[i].listening);
-    EXPECT_EQ(takeSessionCalls(), steps[i].calls);
+TEST_F(PlayerSessionTest, OnlyAPlayersFirstUseAndLastReleaseAct) {
+  struct Case { std::optional<std::string> category; bool manage; Lines sets; };
+  const Case cases[] = {{"Playback", true, {"setCategory Playback options=3", "setActive 1 options=1"}},
+                        {"", true, {"setCategory  options=3", "setActive 1 options=1"}},
+                        {std::nullopt, true, {"setActive 1 options=1"}},
+                        {"Playback", false, {}}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.category.value_or("(absent)") << (c.manage ? " managed" : ""));
+    const auto p = managing(c.category, 3, c.manage);
+    Peer peer(p);
+    peer.setOrResetAVSession(false);
+    EXPECT_EQ(fake::calls("set"), c.sets);
+    Lines opening = c.sets;
+    if (c.manage) opening.push_back(kActivation[0]);
+    std::sort(opening.begin(), opening.end());
+    EXPECT_EQ(takeSessionCalls(), opening);
+    EXPECT_EQ(peer.isListeningInterruptions(), c.manage);
+    struct Step { bool reset; int64_t uses; bool listening; Lines calls; };
+    const Step steps[] = {{false, 2, c.manage, {}},
+                          {true, 1, c.manage, {}},
+                          {true, 0, false, c.manage ? kDeactivation : Lines{}},
+                          {true, 0, false, {}}};
+    for (const Step& step : steps) {
+      peer.setOrResetAVSession(step.reset);
+      EXPECT_EQ(p->audioSessionSetCount(), step.uses);
+      EXPECT_EQ(peer.isListeningInterruptions(), step.listening);
+      EXPECT_EQ(takeSessionCalls(), step.calls);
+    }
+    EXPECT_EQ(Peer::sessionUsageCount(), 0);
   }
-  EXPECT_EQ(Peer::sessionUsageCount(), 0);
 }
 
 TEST_F(PlayerSessionTest, SubscriptionsComeAfterTheActivationAndGoAfterTheRelease) {
@@ -121,22 +128,6 @@ TEST_F(PlayerSessionTest, SubscriptionsComeAfterTheActivationAndGoAfterTheReleas
   fake::raiseOnCall("setActive", std::runtime_error("refused"));
   EXPECT_THROW(peer.setOrResetAVSession(true), std::runtime_error);
   EXPECT_TRUE(peer.isListeningInterruptions()) << "unsubscribed before the session was released";
-}
-
-TEST_F(PlayerSessionTest, OpeningUseAppliesAnEmptyCategoryButNoAbsentOneAndNoneWithoutManagement) {
-  struct Case { std::optional<std::string> category; bool manage; Lines calls; };
-  for (const Case& c : {Case{std::nullopt, true, kActivation}, Case{"Playback", false, {}},
-                        Case{"", true, {kActivation[0], kActivation[1], "setCategory  options=0"}}}) {
-    SCOPED_TRACE(c.category.value_or("(absent)"));
-    const auto p = managing(c.category, 0, c.manage);
-    Peer peer(p);
-    peer.setOrResetAVSession(false);
-    EXPECT_EQ(takeSessionCalls(), c.calls);
-    EXPECT_EQ(peer.isListeningInterruptions(), c.manage);
-    EXPECT_EQ(Peer::sessionUsageCount(), 1);
-    peer.setOrResetAVSession(true);
-    takeSessionCalls();
-  }
 }
 
 TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUse) {
@@ -189,34 +180,6 @@ TEST_F(PlayerSessionTest, SwitchingManagementWhileInUseSubscribesAndSetsTheCateg
   peer.setOrResetAVSession(true);
   EXPECT_FALSE(peer.isListeningInterruptions());
   EXPECT_EQ(takeSessionCalls(), kDeactivation);
-}
-
-TEST_F(PlayerSessionTest, PlayerDestroyedWhileSubscribedReceivesNoNotificationAfterwards) {
-  // Without a delegate no posted notification holds the player: it is gone once the client and
-  // the posting thread have let go.
-  auto p = managing(std::nullopt);
-  p->start();
-  ASSERT_EQ(p->playData(testBytes(5120), kPCM16K, nullptr, 0.0), AudioBufPlayerError_OK);
-  ASSERT_TRUE(Peer(p).isListeningInterruptions());
-  std::atomic<bool> posting{true};
-  std::thread poster([&] {
-    for (int64_t type = 1; posting.load(); type ^= 1) {
-      NotificationCenter::defaultCenter().postNotification(interruptionNotification(type));
-    }
-  });
-  const bool heard = fake::waitForCall("AudioQueuePause q=1");
-  const std::weak_ptr<AudioBufPlayer> destroyed = p->weak_from_this();
-  p.reset();
-  posting = false;
-  poster.join();
-  ASSERT_TRUE(heard);
-  ASSERT_TRUE(destroyed.expired());
-
-  fake::clearCalls();
-  for (const int64_t type : {1, 0}) {
-    NotificationCenter::defaultCenter().postNotification(interruptionNotification(type));
-  }
-  EXPECT_EQ(fake::calls(), Lines{});
 }
 
 }  // namespace

@@ -1,37 +1,14 @@
-// Plan: opening a sentence's stream and feeding it. The PCM stream description and request-start
-// lines; the parser's lifetime (closed by the next MP3 opening or the player's end, its handle
-// kept by PCM sentences); the parse status lines and the single error of a rejected chunk; a
-// parser that cannot be opened. The MP3 format on "redy": the property lines, the description
-// block, a failed read, a raised exception, a report
-// after the request ended, and a second report that reopens the queue.
-// Not here: real MP3 parsing (platform tests); what the queue does with the format (queue tests).
+// Opening a sentence's stream and feeding it: the PCM stream description; the parser's lifetime
+// (closed by the next MP3 opening or the player's end, its handle kept by PCM sentences); the
+// parse status lines and the single error of a rejected chunk; a parser that cannot be opened. The
+// MP3 format on "redy": a failed read, a raised exception, a report after the request ended, and a
+// second report that reopens the queue.
 #include "Audio/Platform/PlatformException.h"
 #include "unit/PlayerTestFixture.h"
 
 namespace {
 
 using PlayerStream = PlayerTest;
-
-// Whether the log holds an ERROR line of the format handling whose message is message with
-// "{line}" replaced by the source line in the line's own prefix.
-bool hasFormatErrorLine(const std::string& log, const std::string& message) {
-  const std::string head = "[ERROR][AudioBufPlayer_StreamFormat.cpp:";
-  for (size_t at = log.find(head); at != std::string::npos; at = log.find(head, at + 1)) {
-    const size_t numberAt = at + head.size();
-    const size_t close = log.find(']', numberAt);
-    if (close == std::string::npos) break;
-    std::string expected = message;
-    expected.replace(expected.find("{line}"), 6, log.substr(numberAt, close - numberAt));
-    if (log.compare(close + 1, expected.size(), expected) == 0) return true;
-  }
-  return false;
-}
-
-// The full path of the format handling's source, as the compiler names it: beside this file's.
-std::string formatHandlingSource() {
-  const std::string self = __FILE__;
-  return self.substr(0, self.rfind("tests/unit/")) + "core/Audio/Players/Impl_iOS/AudioBufPlayer_StreamFormat.cpp";
-}
 
 std::string parseError(OSStatus status, const char* text) {
   return "AudioFileStreamParseBytes returned error " + std::to_string(status) + " (" + text + ")";
@@ -121,20 +98,11 @@ TEST_F(PlayerStream, ParserThatCannotBeOpenedFailsTheRequestWithoutAReport) {
   EXPECT_TRUE(eventsNamed(deliveredEvents(), "PlayerError").empty());
 }
 
-TEST_F(PlayerStream, ReadyReportLogsThePropertiesAndTheFormatBlockAndOpensTheQueueWithIt) {
+TEST_F(PlayerStream, ReadyReportLogsThePropertiesAndOpensTheQueueWithTheFormat) {
   const AudioStreamBasicDescription format{22050.0, kAudioFormatMPEGLayer3, 5, 4, 1152, 3, 2, 16, 7};
   fake::setParserDataFormat(format);
   CapturedLog log;
   ASSERT_EQ(play(testBytes(100), kMP3), AudioBufPlayerError_OK);
-  const std::string pad(32, ' ');
-  const std::string block = "]\n\t\t\t\t\t\t++++++++++++ ASBD ++++++++++++\n" +  //
-                            pad + "ASBD.bitsPerChannel: 16\n" + pad + "ASBD.mBytesPerFrame: 3\n" +  //
-                            pad + "ASBD.mBytesPerPacket: 4\n" + pad + "ASBD.mChannelsPerFrame: 2\n" +  //
-                            pad + "ASBD.mFormatFlags: 5\n" + pad + "ASBD.mFormatID: " +
-                            std::to_string(kAudioFormatMPEGLayer3) + "\n" +  //
-                            pad + "ASBD.mFramesPerPacket: 1152\n" + pad + "ASBD.mReserved: 7\n" +  //
-                            pad + "ASBD.mSampleRate: 22050.000000\n";
-  EXPECT_EQ(log.count(block), 1u) << log.text();
   EXPECT_EQ(log.count("]found property 'dfmt'\n\n"), 1u);
   EXPECT_EQ(log.count("]found property 'redy'\n\n"), 1u);
   EXPECT_EQ(log.count("]Stream type MP3\n"), 1u);
@@ -156,9 +124,7 @@ TEST_F(PlayerStream, FailedFormatReadEndsTheSentenceOnceAndLaterReportsAreIgnore
   EXPECT_EQ(play(testBytes(418), kMP3), AudioBufPlayerError_OK) << "the parser itself did not fail";
 
   EXPECT_EQ(log.count("]found property 'redy'"), 1u);
-  EXPECT_TRUE(hasFormatErrorLine(
-      log.text(), "Err at -[AudioBufPlayer AudioPropertyFoundForStream:propertyID:Flags:] {line}\n"))
-      << log.text();
+  EXPECT_EQ(log.count("]Err at -[AudioBufPlayer AudioPropertyFoundForStream:propertyID:Flags:] "), 1u);
   EXPECT_EQ(fake::countCalls("AudioFileStreamGetProperty"), 1u);
   EXPECT_EQ(peer().samplesPerPacket(), 1u);
   EXPECT_EQ(peer().sampleRate(), 8000.0);
@@ -175,8 +141,7 @@ TEST_F(PlayerStream, ExceptionWhileReadingTheFormatEndsTheSentenceWithFailedOpen
   CapturedLog log;
   EXPECT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
 
-  const std::string message = formatHandlingSource() + " {line} Audio init exception: no format today\n";
-  EXPECT_TRUE(hasFormatErrorLine(log.text(), message)) << log.text();
+  EXPECT_EQ(log.count(" Audio init exception: no format today\n"), 1u);
   EXPECT_EQ(peer().status(), 0);
   EXPECT_EQ(peer().audioQueue(), nullptr);
   EXPECT_EQ(peer().receivedSamples(), 0u);

@@ -1,19 +1,28 @@
-// Plan: how delivered audio becomes queue buffers. Packets with descriptions (MP3, delivered by a
-// scripted parser): which packets travel together, their offsets rewritten into the buffer, the
-// bytes, the 5120-byte and 512-description limits, and the packets refused (oversized, empty,
-// outside the delivery). Bytes without descriptions (PCM): buffer sizes and bytes, a one-byte
-// chunk. Counting of received audio, a delivery without a queue, and two producers taking turns.
-// Not here: the hand-over's own waits and failures (buffer pool tests), real MP3 framing (platform
-// tests). Whether the second producer arrives while the first waits cannot be observed; the turn
-// test catches shared packing state only when it does, which is the usual order.
+// How delivered audio becomes queue buffers and how the pool of 20 buffers paces the producer:
+// which packets travel together (offsets rewritten into the buffer, the 5120-byte and
+// 512-description limits, the packets refused); twenty enqueues take every slot in order and the
+// next waits for a returned buffer, whose slot it takes; the end of the request wakes a waiting
+// producer; a failed enqueue is reported once and keeps its slot; received audio is counted per
+// chunk. The fake returns buffers oldest first, so a returned slot is always the lowest taken one.
 #include <algorithm>
 #include <future>
 #include <numeric>
-#include <tuple>
 
 #include "unit/PlayerTestFixture.h"
 
 namespace {
+
+using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
+using PlayerBuffers = PlayerTest;
+
+constexpr size_t kBuffer = AudioBufPlayer::kBufferByteSize;
+
+std::string enqueued(int buffer) {
+  return "AudioQueueEnqueueBuffer q=1 buf=" + std::to_string(buffer) + " bytes=5120 packets=0";
+}
+
+bool hasStatus(const AudioBufPlayerTestPeer& peer, uint16_t flags) { return (peer.status() & flags) == flags; }
 
 struct Packet {
   int64_t offset;
@@ -44,9 +53,7 @@ struct DescribedCase {
   uint32_t deliveredBytes = 0;  // 0: up to the end of the packet that ends last
 };
 
-using PlayerPacking = PlayerTest;
-
-TEST_F(PlayerPacking, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd512Packets) {
+TEST_F(PlayerBuffers, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd512Packets) {
   const DescribedCase cases[] = {
       {"418-byte packets, twelve to a buffer", contiguous(std::vector<uint32_t>(13, 418)), {indices(0, 12), {12}}},
       {"sizes adding up to 5120 share a buffer", contiguous({1000, 1000, 1000, 1000, 1120, 1}), {indices(0, 5), {5}}},
@@ -96,28 +103,67 @@ TEST_F(PlayerPacking, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd
   }
 }
 
-TEST_F(PlayerPacking, BytesWithoutDescriptionsFillWholeBuffersAndTheLastTakesTheRest) {
-  const struct {
-    size_t chunk;
-    std::vector<size_t> buffers;
-  } cases[] = {{12000, {5120, 5120, 1760}}, {5121, {5120, 1}}, {1, {1}}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.chunk);
+TEST_F(PlayerBuffers, TwentyEnqueuesTakeEverySlotAndTheNextWaitsForAReturnedOne) {
+  auto producer = std::async(std::launch::async, [&] { return play(testBytes(22 * kBuffer), kPCM16K); });
+  const StopOnExit stopOnFailure(*player);
+  ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", 20));
+  Lines twenty;
+  for (int buffer = 1; buffer <= 20; ++buffer) twenty.push_back(enqueued(buffer));
+  EXPECT_EQ(fake::calls("AudioQueueEnqueueBuffer"), twenty);
+  EXPECT_TRUE(hasStatus(peer(), AudioBufPlayer::PS_WAITING_FOR_BUFFER));
+  EXPECT_EQ(producer.wait_for(0s), std::future_status::timeout);
+
+  auto queue = fake::lastQueue();
+  for (int buffer = 1; buffer <= 2; ++buffer) {
+    ASSERT_TRUE(queue.playBack());
+    ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", size_t(20 + buffer)));
+    EXPECT_EQ(fake::calls("AudioQueueEnqueueBuffer").back(), enqueued(buffer));
+  }
+  ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
+  EXPECT_EQ(producer.get(), AudioBufPlayerError_OK);
+  EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 22u);
+}
+
+TEST_F(PlayerBuffers, EndOfRequestWakesAWaitingProducerWhichEnqueuesNothingMore) {
+  struct Case { const char* end; std::function<void(AudioBufPlayer&)> endRequest; };
+  const Case cases[] = {
+      {"stop", [](AudioBufPlayer& p) { p.stop(); }},
+      {"queue stopped", [](AudioBufPlayer&) { ASSERT_TRUE(fake::lastQueue().reportRunning(false)); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.end);
     startOver();
-    ASSERT_EQ(play(testBytes(c.chunk), kPCM8K), AudioBufPlayerError_OK);
-    const fake::QueueState queue = fake::lastQueue().state();
-    std::vector<size_t> sizes;
-    for (const fake::EnqueuedBuffer& buffer : queue.enqueued) {
-      sizes.push_back(buffer.bytes.size());
-      EXPECT_EQ(buffer.packets, 0u);
-      EXPECT_TRUE(buffer.descriptions.empty());
-    }
-    EXPECT_EQ(sizes, c.buffers);
-    EXPECT_EQ(queue.allEnqueuedBytes(), testBytes(c.chunk));
+    auto producer = std::async(std::launch::async, [&] { return play(testBytes(21 * kBuffer), kPCM16K); });
+    const StopOnExit stopOnFailure(*player);
+    ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", 20));
+    c.endRequest(*player);
+    ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
+    EXPECT_EQ(producer.get(), AudioBufPlayerError_OK);
+    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 20u);
+    EXPECT_FALSE(hasStatus(peer(), AudioBufPlayer::PS_ACTIVE));
   }
 }
 
-TEST_F(PlayerPacking, ReceivedAudioIsCountedPerChunkAndReportedWithTheOffset) {
+TEST_F(PlayerBuffers, FailedEnqueueIsReportedOnceAndKeepsItsSlot) {
+  fake::failCall("AudioQueueEnqueueBuffer", kAudioQueueErr_InvalidBuffer);
+  CapturedLog log;
+  ASSERT_EQ(play(testBytes(2 * kBuffer), kPCM16K), AudioBufPlayerError_OK);
+
+  // The start follows the first enqueue that succeeded, not the failed one.
+  EXPECT_EQ(callsWith({"AudioQueueEnqueueBuffer", "AudioQueueStart"}),
+            (Lines{enqueued(1) + " -> qbuf", enqueued(2), "AudioQueueStart q=1"}));
+
+  const auto free = peer().freeBuffers();
+  EXPECT_EQ((std::array{free[0], free[1], free[2]}), (std::array{false, false, true})) << "slots 0, 1 and 2 free?";
+  const std::string status = std::to_string(kAudioQueueErr_InvalidBuffer);
+  EXPECT_EQ(log.countLines("ERROR", "AudioQueue enque audio errored error: " + status + " (qbuf)"), 1u);
+  const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].error, AudioBufPlayerError_QUEUE_FAIL);
+  EXPECT_EQ(errors[0].description, "AudioQueueEnqueueBuffer returned error " + status + " (qbuf)");
+}
+
+TEST_F(PlayerBuffers, ReceivedAudioIsCountedPerChunkAndReportedWithTheOffset) {
   ASSERT_EQ(play(testBytes(16000), kPCM8K, 2.5), AudioBufPlayerError_OK);
   EXPECT_EQ(peer().receivedSamples(), 8000u);
   EXPECT_DOUBLE_EQ(peer().receivedAudioLength(), 1.0);
@@ -130,47 +176,6 @@ TEST_F(PlayerPacking, ReceivedAudioIsCountedPerChunkAndReportedWithTheOffset) {
   EXPECT_DOUBLE_EQ(lengths[0].seconds, 3.5);
   EXPECT_DOUBLE_EQ(lengths[1].seconds, 4.0);
   EXPECT_EQ(lengths[0].thread, std::this_thread::get_id());
-}
-
-// The stream's format is recorded before the queue opens, whether it opens or not.
-TEST_F(PlayerPacking, DeliveryWithoutAQueueIsNeitherCountedNorSent) {
-  for (const auto& [format, rate, samplesPerPacket] : {std::tuple{kPCM8K, 8000.0, 1u}, {kMP3, 16000.0, 576u}}) {
-    SCOPED_TRACE(rate);
-    startOver();
-    fake::failCall("AudioQueueNewOutput", kAudioQueueErr_DeviceFailed);
-    ASSERT_EQ(play(testBytes(16000), format), AudioBufPlayerError_OK);
-    EXPECT_EQ(peer().samplesPerPacket(), samplesPerPacket);
-    EXPECT_EQ(peer().sampleRate(), rate);
-    EXPECT_EQ(peer().receivedSamples(), 0u);
-    EXPECT_EQ(peer().receivedAudioLength(), 0.0);
-    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 0u);
-    const std::vector<DelegateEvent> events = deliveredEvents();
-    EXPECT_TRUE(eventsNamed(events, "updatedTotalLength").empty());
-    EXPECT_EQ(eventsNamed(events, "PlayerError").size(), 1u);  // the failed opening
-  }
-}
-
-TEST_F(PlayerPacking, SecondProducerWaitsUntilTheFirstHasHandedOverItsWholeChunk) {
-  const std::vector<uint8_t> first = testBytes(21 * 5120, 1);
-  const std::vector<uint8_t> second = testBytes(100, 2);
-  auto firstProducer = std::async(std::launch::async, [&] { return play(first, kPCM8K); });
-  const StopOnExit stopFirstOnFailure(*player);
-  // The twentieth buffer takes the last free one: the first producer now waits with its 21st staged.
-  ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", 20));
-  auto secondProducer = std::async(std::launch::async, [&] { return append(second, kPCM8K); });
-  const StopOnExit stopOnFailure(*player);
-  fake::Queue queue = fake::lastQueue();
-  ASSERT_TRUE(queue.playBack());
-  ASSERT_EQ(firstProducer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-  EXPECT_EQ(firstProducer.get(), AudioBufPlayerError_OK);
-  ASSERT_TRUE(queue.playBack());
-  ASSERT_EQ(secondProducer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-  EXPECT_EQ(secondProducer.get(), AudioBufPlayerError_OK);
-
-  std::vector<uint8_t> expected = first;
-  expected.insert(expected.end(), second.begin(), second.end());
-  EXPECT_EQ(queue.state().allEnqueuedBytes(), expected);
-  EXPECT_EQ(queue.state().enqueued.size(), 22u);
 }
 
 }  // namespace
