@@ -1,7 +1,6 @@
 // The output queue functions of the fake and the test's commands on a queue. Each call holds the
 // world's mutex for the whole call, so a check and its effect are one step.
 #include <gtest/gtest.h>
-#include <sanitizer/asan_interface.h>
 
 #include "Audio/Platform/AudioQueue.h"
 #include "Diagnostics/qen_log.h"
@@ -17,21 +16,6 @@ std::vector<uint8_t> QueueState::allEnqueuedBytes() const {
   std::vector<uint8_t> bytes;
   for (const EnqueuedBuffer& buffer : enqueued) bytes.insert(bytes.end(), buffer.bytes.begin(), buffer.bytes.end());
   return bytes;
-}
-
-void FakeQueue::dispose() {
-  state.disposed = true;
-  for (size_t i = 0; i < buffers.size(); ++i) {
-    ASAN_POISON_MEMORY_REGION(memory[i].get(), buffers[i]->mAudioDataBytesCapacity);
-    ASAN_POISON_MEMORY_REGION(buffers[i].get(), sizeof(AudioQueueBuffer));
-  }
-}
-
-FakeQueue::~FakeQueue() {
-  for (size_t i = 0; i < buffers.size(); ++i) {
-    ASAN_UNPOISON_MEMORY_REGION(buffers[i].get(), sizeof(AudioQueueBuffer));
-    ASAN_UNPOISON_MEMORY_REGION(memory[i].get(), buffers[i]->mAudioDataBytesCapacity);
-  }
 }
 
 QueueState Queue::state() const {
@@ -129,50 +113,14 @@ struct QueueCall {
   std::shared_ptr<FakeQueue> queue;
 };
 
-bool isSupported(const AudioStreamBasicDescription& format) {
-  if (format.mSampleRate <= 0 || format.mChannelsPerFrame < 1 || format.mChannelsPerFrame > 2) return false;
-  if (format.mFormatID == kAudioFormatMPEGLayer3) return true;
-  return format.mFormatID == kAudioFormatLinearPCM && format.mBitsPerChannel == 16 &&
-         (format.mFormatFlags & kAudioFormatFlagIsSignedInteger) && !(format.mFormatFlags & kAudioFormatFlagIsFloat) &&
-         !(format.mFormatFlags & kAudioFormatFlagIsBigEndian);
-}
-
-OSStatus enqueueRefusal(const FakeQueue& queue, AudioQueueBufferRef buffer, uint32_t packetCount,
-                        const AudioStreamPacketDescription* descriptions) {
-  if (std::none_of(queue.buffers.begin(), queue.buffers.end(), [&](const auto& own) { return own.get() == buffer; })) {
-    return kAudioQueueErr_InvalidBuffer;
-  }
-  for (const fake::EnqueuedBuffer& enqueued : queue.state.enqueued) {
-    if (enqueued.handle == buffer && !enqueued.returned) return kAudioQueueErr_BufferInQueue;
-  }
-  const uint32_t bytes = buffer->mAudioDataByteSize;
-  if (bytes == 0) return kAudioQueueErr_BufferEmpty;
-  const bool mp3 = queue.state.format.mFormatID == kAudioFormatMPEGLayer3;
-  if (bytes > buffer->mAudioDataBytesCapacity || (packetCount > 0 && !descriptions) || (mp3 && packetCount == 0)) {
-    return kAudioQueueErr_InvalidParameter;
-  }
-  for (uint32_t i = 0; i < packetCount; ++i) {
-    if (descriptions[i].mStartOffset < 0 || uint64_t(descriptions[i].mStartOffset) + descriptions[i].mDataByteSize > bytes) {
-      return kAudioQueueErr_InvalidParameter;
-    }
-  }
-  return noErr;
-}
-
 }  // namespace
 
 OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQueueOutputCallback inCallbackProc,
-                             void* inUserData, void* inCallbackRunLoop, void* inCallbackRunLoopMode, uint32_t,
+                             void* inUserData, void*, void*, uint32_t,
                              AudioQueueRef* outAQ) {
   const auto world = fake::world();
   std::lock_guard lock(world->mutex);
-  OSStatus refusal = noErr;
-  if (!inFormat || !inCallbackProc || inCallbackRunLoop || inCallbackRunLoopMode || !outAQ) {
-    refusal = kAudioQueueErr_InvalidParameter;
-  } else if (!isSupported(*inFormat)) {
-    refusal = kAudioQueueErr_UnsupportedFormat;
-  }
-  if (OSStatus status = world->record("AudioQueueNewOutput", "AudioQueueNewOutput", refusal)) return status;
+  if (OSStatus status = world->record("AudioQueueNewOutput", "AudioQueueNewOutput")) return status;
   auto queue = std::make_shared<FakeQueue>();
   queue->handle = fake::newHandle();
   queue->callback = inCallbackProc;
@@ -186,8 +134,7 @@ OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQ
 
 OSStatus AudioQueueAllocateBuffer(AudioQueueRef inAQ, uint32_t inBufferByteSize, AudioQueueBufferRef* outBuffer) {
   QueueCall call(inAQ);
-  const OSStatus refusal = inBufferByteSize == 0 || !outBuffer ? kAudioQueueErr_InvalidParameter : noErr;
-  if (OSStatus status = call.record("AudioQueueAllocateBuffer", "", refusal)) return status;
+  if (OSStatus status = call.record("AudioQueueAllocateBuffer")) return status;
   call.queue->memory.push_back(std::make_unique<uint8_t[]>(inBufferByteSize));
   call.queue->buffers.push_back(std::make_unique<AudioQueueBuffer>(
       AudioQueueBuffer{inBufferByteSize, call.queue->memory.back().get(), 0}));
@@ -204,9 +151,7 @@ OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffe
   const std::string details = own == buffers.end() ? " buf=?"
                                                    : " buf=" + std::to_string(own - buffers.begin() + 1) +
                                                          " bytes=" + std::to_string(inBuffer->mAudioDataByteSize);
-  const OSStatus refusal = enqueueRefusal(*call.queue, inBuffer, inNumPacketDescs, inPacketDescs);
-  if (OSStatus status = call.record("AudioQueueEnqueueBuffer", details + " packets=" + std::to_string(inNumPacketDescs),
-                                    refusal)) {
+  if (OSStatus status = call.record("AudioQueueEnqueueBuffer", details + " packets=" + std::to_string(inNumPacketDescs))) {
     return status;
   }
   const auto* bytes = static_cast<const uint8_t*>(inBuffer->mAudioData);
@@ -216,10 +161,9 @@ OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffe
   return noErr;
 }
 
-OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp* inStartTime) {
+OSStatus AudioQueueStart(AudioQueueRef inAQ, const AudioTimeStamp*) {
   QueueCall call(inAQ);
-  OSStatus refusal = inStartTime ? kAudioQueueErr_InvalidParameter : noErr;
-  if (!refusal && call.world->session.isInterrupted()) refusal = kAudioSessionErr_Interrupted;
+  OSStatus refusal = call.world->session.isInterrupted() ? kAudioSessionErr_Interrupted : noErr;
   if (!refusal && call.world->inBackground.load()) refusal = kAudioSessionErr_InBackground;
   if (OSStatus status = call.record("AudioQueueStart", "", refusal)) return status;
   call.queue->state.started = true;
@@ -243,15 +187,13 @@ OSStatus AudioQueueDispose(AudioQueueRef inAQ, bool inImmediate) {
   if (OSStatus status = call.record("AudioQueueDispose", " immediate=" + std::to_string(int(inImmediate)))) {
     return status;
   }
-  call.queue->dispose();
+  call.queue->state.disposed = true;
   return noErr;
 }
 
-OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void* inTimeline, AudioTimeStamp* outTimeStamp,
-                                  bool* outTimelineDiscontinuity) {
+OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void*, AudioTimeStamp* outTimeStamp, bool*) {
   QueueCall call(inAQ);
-  OSStatus refusal = inTimeline || outTimelineDiscontinuity || !outTimeStamp ? kAudioQueueErr_InvalidParameter : noErr;
-  if (!refusal && call.queue && !call.queue->state.started) refusal = kAudioQueueErr_NotStarted;
+  const OSStatus refusal = call.queue && !call.queue->state.started ? kAudioQueueErr_NotStarted : noErr;
   if (OSStatus status = call.record("AudioQueueGetCurrentTime", "", refusal)) return status;
   *outTimeStamp = AudioTimeStamp{};
   outTimeStamp->mSampleTime = call.queue->state.sampleTime;
@@ -259,12 +201,9 @@ OSStatus AudioQueueGetCurrentTime(AudioQueueRef inAQ, void* inTimeline, AudioTim
   return noErr;
 }
 
-OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID inID, void* outData, uint32_t* ioDataSize) {
+OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID, void* outData, uint32_t* ioDataSize) {
   QueueCall call(inAQ);
-  const bool valid = inID == kAudioQueueProperty_IsRunning && outData && ioDataSize && *ioDataSize >= sizeof(uint32_t);
-  if (OSStatus status = call.record("AudioQueueGetProperty", "", valid ? noErr : kAudioQueueErr_InvalidProperty)) {
-    return status;
-  }
+  if (OSStatus status = call.record("AudioQueueGetProperty")) return status;
   *static_cast<uint32_t*>(outData) = call.queue->state.running ? 1 : 0;
   *ioDataSize = sizeof(uint32_t);
   return noErr;
@@ -273,20 +212,16 @@ OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID inID, vo
 OSStatus AudioQueueAddPropertyListener(AudioQueueRef inAQ, AudioQueuePropertyID inID,
                                        AudioQueuePropertyListenerProc inProc, void* inUserData) {
   QueueCall call(inAQ);
-  const OSStatus refusal = inID != kAudioQueueProperty_IsRunning ? kAudioQueueErr_InvalidProperty
-                           : !inProc                            ? kAudioQueueErr_InvalidParameter
-                                                                : noErr;
   const std::string property = " prop=" + std::string(FourCCText(int32_t(inID)).data());
-  if (OSStatus status = call.record("AudioQueueAddPropertyListener", property, refusal)) return status;
+  if (OSStatus status = call.record("AudioQueueAddPropertyListener", property)) return status;
   call.queue->listener = inProc;
   call.queue->listenerData = inUserData;
   return noErr;
 }
 
-OSStatus AudioQueueSetParameter(AudioQueueRef inAQ, AudioQueueParameterID inParamID, AudioQueueParameterValue inValue) {
+OSStatus AudioQueueSetParameter(AudioQueueRef inAQ, AudioQueueParameterID, AudioQueueParameterValue inValue) {
   QueueCall call(inAQ);
-  const OSStatus refusal = inParamID == kAudioQueueParam_Volume ? noErr : kAudioQueueErr_InvalidParameter;
-  if (OSStatus status = call.record("AudioQueueSetParameter", "", refusal)) return status;
+  if (OSStatus status = call.record("AudioQueueSetParameter")) return status;
   call.queue->state.volume = inValue;
   return noErr;
 }

@@ -170,9 +170,6 @@ void setParserBehaviour(ParserBehaviour behaviour);
 
 [[nodiscard]] bool beginInterruption();
 [[nodiscard]] bool endInterruption();
-// Posts an interruption notification with type, or without user info when type is absent; the
-// interrupted state does not change.
-[[nodiscard]] bool postInterruption(std::optional<int64_t> type);
 [[nodiscard]] bool waitForSessionNotifications();
 
 }  // namespace fake

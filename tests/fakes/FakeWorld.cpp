@@ -111,7 +111,7 @@ void reset() {
     std::swap(current().world, fresh);
   }
   std::lock_guard lock(fresh->mutex);
-  for (const auto& queue : fresh->queues) queue->dispose();
+  for (const auto& queue : fresh->queues) queue->state.disposed = true;
 }
 
 std::vector<std::string> calls() {
@@ -161,11 +161,6 @@ bool beginInterruption() {
 
 bool endInterruption() {
   world()->session.endInterruption();
-  return waitForSessionNotifications();
-}
-
-bool postInterruption(std::optional<int64_t> type) {
-  world()->session.postInterruption(type);
   return waitForSessionNotifications();
 }
 

@@ -26,10 +26,6 @@ struct FakeQueue {
   std::vector<std::unique_ptr<AudioQueueBuffer>> buffers;  // buf=N is buffers[N - 1]
   std::vector<std::unique_ptr<uint8_t[]>> memory;
   size_t nextToPlayBack = 0;  // into state.enqueued
-
-  ~FakeQueue();
-  // Poisons the buffers for AddressSanitizer, so a player that touches a released one is caught.
-  void dispose();
 };
 
 struct FakeParser {

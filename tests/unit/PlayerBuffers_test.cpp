@@ -163,19 +163,4 @@ TEST_F(PlayerBuffers, FailedEnqueueIsReportedOnceAndKeepsItsSlot) {
   EXPECT_EQ(errors[0].description, "AudioQueueEnqueueBuffer returned error " + status + " (qbuf)");
 }
 
-TEST_F(PlayerBuffers, ReceivedAudioIsCountedPerChunkAndReportedWithTheOffset) {
-  ASSERT_EQ(play(testBytes(16000), kPCM8K, 2.5), AudioBufPlayerError_OK);
-  EXPECT_EQ(peer().receivedSamples(), 8000u);
-  EXPECT_DOUBLE_EQ(peer().receivedAudioLength(), 1.0);
-  ASSERT_EQ(append(testBytes(8000), kPCM8K), AudioBufPlayerError_OK);
-  EXPECT_EQ(peer().receivedSamples(), 12000u);
-  EXPECT_DOUBLE_EQ(peer().receivedAudioLength(), 1.5);
-
-  const std::vector<DelegateEvent> lengths = eventsNamed(delegate->events(), "updatedTotalLength");
-  ASSERT_EQ(lengths.size(), 2u);
-  EXPECT_DOUBLE_EQ(lengths[0].seconds, 3.5);
-  EXPECT_DOUBLE_EQ(lengths[1].seconds, 4.0);
-  EXPECT_EQ(lengths[0].thread, std::this_thread::get_id());
-}
-
 }  // namespace

@@ -1,11 +1,7 @@
-// Plan: pausing and restarting the queue for the client's pause and the system's interruption.
-// The decision table of pauseIfNeeded and resumeIfNeeded over the three bits, with their TRACE
-// lines showing the masked values (0/8, 0/4, 0/1024); a refused or failed restart;
-// session interruptions delivered by the session to a managing player: during play, after a
-// refused resume, during a client's pause, with no request, without a type and with an unknown type.
-// Not here: the first start's refusals (playback tests), pause and resume called twice (transport
-// tests). That nothing follows a notification is checked once the session has delivered it, which
-// is all the handler's work.
+// Restarting the queue after a pause: a refused or failed restart, and the session's interruptions
+// of a managing player during play, during a client's pause and with no request. That nothing
+// follows a notification is checked once the session has delivered it, which is all the handler's
+// work.
 #include "Audio/Platform/Application.h"
 #include "unit/PlayerTestFixture.h"
 
@@ -18,35 +14,6 @@ constexpr uint16_t kPlaying = AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUE
 constexpr uint16_t QP = AudioBufPlayer::PS_QUEUE_PAUSED;
 constexpr uint16_t UP = AudioBufPlayer::PS_USER_PAUSED;
 constexpr uint16_t IN = AudioBufPlayer::PS_INTERRUPTED;
-
-TEST_F(PlayerTest, PauseAndResumeFollowTheDecisionTableAndTraceTheMaskedBits) {
-  ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
-  struct Row { uint16_t bits; bool pauses, restarts; };
-  const Row rows[] = {{0, false, false},      {UP, true, false},      {IN, true, false},
-                      {UP | IN, true, false}, {QP, false, true},      {QP | UP, false, false},
-                      {QP | IN, false, false}, {QP | UP | IN, false, false}};
-  for (const Row& row : rows) {
-    const std::string bits = std::to_string(row.bits & QP) + ", (isPaused = " + std::to_string(row.bits & UP) + ", ";
-    const std::string in = std::to_string(row.bits & IN) + ")";
-    for (const bool pausing : {true, false}) {
-      SCOPED_TRACE(testing::Message() << (pausing ? "pause" : "resume") << " with 0x" << std::hex << row.bits);
-      peer().setStatus(kPlaying | row.bits);
-      fake::clearCalls();
-      CapturedLog log;
-      pausing ? peer().pauseIfNeeded() : peer().resumeIfNeeded();
-      const bool acts = pausing ? row.pauses : row.restarts;
-      EXPECT_EQ(fake::calls(), acts ? Lines{pausing ? "AudioQueuePause q=1" : "AudioQueueStart q=1"} : Lines{});
-      EXPECT_EQ(peer().status(), kPlaying | (acts ? (pausing ? row.bits | QP : 0) : row.bits));
-      const std::string trace = pausing ? "pauseIfNeeded: actuallyPaused = " + bits + "interrupt = " + in
-                                        : "resumeIfNeeded: actuallyPaused = " + bits + "interruptionPaused = " + in;
-      EXPECT_EQ(log.countLines("TRACE", trace), 1u);
-      EXPECT_EQ(log.countLines("TRACE", "Queue pause: 0"), pausing && acts ? 1u : 0u);
-    }
-  }
-  const std::vector<DelegateEvent> events = deliveredEvents();
-  EXPECT_EQ(eventsNamed(events, "PlayerWasResumed").size(), 1u);
-  EXPECT_EQ(eventsNamed(events, "PlayerWasPaused").size(), 0u);
-}
 
 TEST_F(PlayerTest, RefusedOrFailedRestartKeepsTheQueuePausedAndSaysWhy) {
   struct Case {
@@ -125,15 +92,6 @@ TEST_F(InterruptionTest, InterruptionPausesTheSentenceAndItsEndResumesIt) {
   EXPECT_EQ(eventsNamed(events, "PlayerWasResumed").size(), 1u);
 }
 
-TEST_F(InterruptionTest, InterruptionsEndRestartsTheQueueAfterAResumeWasRefused) {
-  ASSERT_TRUE(fake::beginInterruption());
-  player->resume();  // refused with "!int", which gives back the session use
-  EXPECT_EQ(peer().status(), kPlaying | QP);
-  ASSERT_TRUE(fake::endInterruption());
-  EXPECT_EQ(peer().status(), kPlaying);
-  EXPECT_EQ(eventsNamed(deliveredEvents(), "PlayerWasResumed").size(), 1u);
-}
-
 TEST_F(InterruptionTest, InterruptionDuringTheClientsPauseLeavesTheRestartToResume) {
   player->pause();
   ASSERT_TRUE(fake::beginInterruption());
@@ -163,22 +121,6 @@ TEST_F(InterruptionTest, InterruptionWithoutRequestLeavesNoTrace) {
   EXPECT_EQ(fake::calls(), Lines{});
   EXPECT_EQ(log.count("AudioSession interruption"), 0u);
   EXPECT_EQ(eventsNamed(deliveredEvents(), "PlayerWasPaused").size(), 0u);
-}
-
-TEST_F(InterruptionTest, InterruptionWithoutTypeEndsItAndAnUnknownTypeIsIgnored) {
-  struct Case { std::optional<int64_t> type; uint16_t status; size_t starts, endedLines; };
-  for (const Case& c : {Case{std::nullopt, kPlaying, 2, 1}, Case{2, kPlaying | IN | QP, 1, 0}}) {
-    SCOPED_TRACE(c.type ? "type 2" : "no type");
-    startOver();
-    // Posted without changing the session's state, so that a restart is not refused.
-    ASSERT_TRUE(fake::postInterruption(AVAudioSessionInterruptionTypeBegan));
-    CapturedLog log;
-    ASSERT_TRUE(fake::postInterruption(c.type));
-    EXPECT_EQ(peer().status(), c.status);
-    EXPECT_EQ(fake::countCalls("AudioQueueStart q=1"), c.starts);
-    EXPECT_EQ(log.countLines("DEBUG", "AudioSession interruption ended"), c.endedLines);
-    EXPECT_EQ(log.count("AudioSession interruption"), c.endedLines);
-  }
 }
 
 }  // namespace

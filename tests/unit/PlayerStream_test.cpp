@@ -98,17 +98,6 @@ TEST_F(PlayerStream, ParserThatCannotBeOpenedFailsTheRequestWithoutAReport) {
   EXPECT_TRUE(eventsNamed(deliveredEvents(), "PlayerError").empty());
 }
 
-TEST_F(PlayerStream, ReadyReportLogsThePropertiesAndOpensTheQueueWithTheFormat) {
-  const AudioStreamBasicDescription format{22050.0, kAudioFormatMPEGLayer3, 5, 4, 1152, 3, 2, 16, 7};
-  fake::setParserDataFormat(format);
-  CapturedLog log;
-  ASSERT_EQ(play(testBytes(100), kMP3), AudioBufPlayerError_OK);
-  EXPECT_EQ(log.count("]found property 'dfmt'\n\n"), 1u);
-  EXPECT_EQ(log.count("]found property 'redy'\n\n"), 1u);
-  EXPECT_EQ(log.count("]Stream type MP3\n"), 1u);
-  EXPECT_EQ(fake::lastQueue().state().format.mSampleRate, 22050.0);
-}
-
 TEST_F(PlayerStream, FailedFormatReadEndsTheSentenceOnceAndLaterReportsAreIgnored) {
   ASSERT_EQ(play(testBytes(100), kPCM8K), AudioBufPlayerError_OK);  // counters of a previous sentence
   player->stop();
