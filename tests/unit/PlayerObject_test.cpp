@@ -1,9 +1,8 @@
 // The player object and its posted notifications: a new player's settings; the notifications reach
-// the delegate set when they were posted, keep it and the player alive until delivered, and are
-// lost without a delegate. That the delegate is held weakly shows in every test: the fixture waits
-// for its last reference to go.
+// the delegate set when they were posted, keep it alive until delivered, and are lost without a
+// delegate. That the delegate is held weakly shows in every test: the fixture waits for its last
+// reference to go.
 #include <algorithm>
-#include <future>
 
 #include "unit/PlayerTestFixture.h"
 
@@ -47,39 +46,6 @@ TEST_F(PlayerTest, NotificationsReachTheDelegateSetWhenPostedAndAreLostWithoutOn
     EXPECT_NE(event.thread, std::this_thread::get_id()) << event.name << " was not posted";
   }
   EXPECT_TRUE(successor->events().empty());
-}
-
-// Holds every paused notification until the test lets go, then reads the player it was sent by.
-class ReadingDelegate : public RecordingDelegate {
- public:
-  std::promise<void> entered;
-  std::shared_future<void> release;
-
-  void PlayerWasPaused(AudioBufPlayerPauseSource source, AudioBufPlayer* player) override {
-    if (!enteredOnce_.exchange(true)) entered.set_value();
-    (void)release.wait_for(kWaitTimeout);
-    (void)player->volume();
-    RecordingDelegate::PlayerWasPaused(source, player);
-  }
-
- private:
-  std::atomic<bool> enteredOnce_{false};
-};
-
-TEST_F(PlayerTest, PendingNotificationsKeepThePlayerAliveAfterItsClientLetsGo) {
-  constexpr size_t kPosted = 8;
-  const auto reading = std::make_shared<ReadingDelegate>();
-  std::promise<void> release;
-  reading->release = release.get_future().share();
-  player->setDelegate(reading);
-  for (size_t i = 0; i < kPosted; ++i) peer().notifyPaused(AudioBufPlayerPauseSource_USER);
-  ASSERT_EQ(reading->entered.get_future().wait_for(fake::kWaitTimeout), std::future_status::ready);
-
-  const std::weak_ptr<AudioBufPlayer> kept = player->weak_from_this();
-  player.reset();
-  EXPECT_FALSE(kept.expired());
-  release.set_value();
-  ASSERT_TRUE(reading->waitFor("PlayerWasPaused", kPosted));
 }
 
 }  // namespace

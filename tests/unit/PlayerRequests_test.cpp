@@ -1,7 +1,7 @@
 // What playData and appendAudioData return and change: refusals before start and for unsupported
 // formats; an append to an idle player that starts the request; appends refused for another format
-// or after the run-out point while the sentence plays on; empty first chunks; a failed MP3 start; a
-// first chunk dropped during a request.
+// or after the run-out point while the sentence plays on; empty first chunks; a first chunk dropped
+// during a request.
 #include <thread>
 
 #include "unit/PlayerTestFixture.h"
@@ -99,20 +99,6 @@ TEST_F(PlayerRequests, EmptyFirstChunkEndsTheRequestAtOnceOnTheCallersThread) {
       EXPECT_EQ(fake::countCalls("AudioQueueStop") + fake::countCalls("AudioQueueDispose"), 0u);
     }
   }
-}
-
-TEST_F(PlayerRequests, RejectedMp3FirstChunkFailsTheRequestAndIsReportedLater) {
-  fake::failCall("AudioFileStreamParseBytes", kAudioFileStreamError_InvalidFile);
-  EXPECT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_FAILED_PARSE_STREAM);
-  const std::vector<DelegateEvent> atOnce = delegate->events();
-  ASSERT_FALSE(atOnce.empty());
-  EXPECT_EQ(atOnce.front().name, "playerWillStartPlayback");
-  EXPECT_EQ(atOnce.front().thread, std::this_thread::get_id());
-  EXPECT_EQ(peer().status(), 0);
-  EXPECT_EQ(play(testBytes(100), kPCM8K), AudioBufPlayerError_OK) << "the player is idle again";
-  const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].error, AudioBufPlayerError_FAILED_PARSE_STREAM);
 }
 
 TEST_F(PlayerRequests, FirstChunkDuringARequestIsDroppedWithOk) {
