@@ -100,7 +100,8 @@ struct QueueState {
 struct FakeQueue;
 
 // A test's handle on one fake queue; its state stays readable after disposal. The commands call
-// the player on the calling thread and return once it has returned; they fail on a disposed queue.
+// the player on the calling thread and return once it has returned; false when there is nothing
+// to play back or the queue has been disposed of.
 class Queue {
  public:
   QueueState state() const;

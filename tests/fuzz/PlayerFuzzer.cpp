@@ -10,7 +10,6 @@
 // Not checked here: that the audio heard equals the audio fed (the end-to-end tests do that on the
 // real output queue), and timing, which the fake does not model.
 #include <fuzzer/FuzzedDataProvider.h>
-#include <gtest/gtest-spi.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -37,32 +36,10 @@ using namespace std::chrono_literals;
 // Far beyond anything a correct player needs for one input: reaching it is a hang.
 constexpr auto kHangDeadline = 10s;
 
-// The fake reports a call that a unit test should not make (playing back a buffer of a queue the
-// player has just disposed of) as a gtest failure. This device races the player on purpose and judges
-// by the fake's return values, so the reports are no findings: counted, not printed, the last one
-// shown with a finding and the count at exit.
-struct FakeReports : testing::ScopedFakeTestPartResultReporter {
-  FakeReports() : ScopedFakeTestPartResultReporter(INTERCEPT_ALL_THREADS, nullptr) {}
-  void ReportTestPartResult(const testing::TestPartResult& result) override {
-    std::lock_guard lock(mutex);
-    ++count;
-    last = result.message();  // "Failed\n" and the fake's words
-  }
-  void print(const char* what) {
-    std::lock_guard lock(mutex);
-    std::fprintf(stderr, "player_fuzzer: %s: %zu, last: %s\n", what, count, last.substr(last.find('\n') + 1).c_str());
-  }
-  std::mutex mutex;
-  size_t count = 0;  // guarded by mutex
-  std::string last;  // guarded by mutex
-};
-FakeReports* const fakeReports = new FakeReports;  // never destroyed: it outlives every thread
-
 // On failure prints the fake's call log, which tells what the player did to get there.
 void check(bool condition, const char* what) {
   if (condition) return;
   for (const std::string& line : fake::calls()) std::fprintf(stderr, "  %s\n", line.c_str());
-  fakeReports->print("the fake's reports");
   std::fprintf(stderr, "player_fuzzer: %s\n", what);
   std::abort();
 }
@@ -274,7 +251,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The player logs every chunk, far too slow for fuzzing; ABP_FUZZ_LOG=1 shows it all when
   // replaying one input.
   QEN_TTS::set_log_level(std::getenv("ABP_FUZZ_LOG") ? QEN_TTS::QEN_LOG_LEVEL_TRACE : QEN_TTS::QEN_LOG_LEVEL_OFF);
-  std::atexit([] { fakeReports->print("calls the fake reported (the device racing the player: no finding)"); });
   return 0;
 }
 

@@ -164,22 +164,25 @@ TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUs
 }
 
 TEST_F(PlayerSessionTest, SwitchingManagementWhileInUseSubscribesAndSetsTheCategoryButNeverActivates) {
-  const auto p = managing("Playback", 2, false);
-  Peer peer(p);
-  peer.setOrResetAVSession(false);
-  EXPECT_EQ(takeSessionCalls(), Lines{});
-  const Lines categorySet = {"setCategory Playback options=2"};
-  for (const auto& [enable, calls] :
-       {std::pair{true, categorySet}, {true, Lines{}}, {false, Lines{}}, {true, categorySet}}) {
-    p->updateAVSessionManagementEnabled(enable);
-    EXPECT_EQ(p->AVSessionManagmentEnabled(), enable);
-    EXPECT_EQ(peer.isListeningInterruptions(), enable);
-    EXPECT_EQ(takeSessionCalls(), calls);
+  for (const std::optional<std::string>& category : {std::optional<std::string>("Playback"), {""}, {}}) {
+    SCOPED_TRACE(category.value_or("(absent)"));
+    const auto p = managing(category, 2, false);
+    Peer peer(p);
+    peer.setOrResetAVSession(false);
+    EXPECT_EQ(takeSessionCalls(), Lines{});
+    const Lines categorySet = category && !category->empty() ? Lines{"setCategory Playback options=2"} : Lines{};
+    for (const auto& [enable, calls] :
+         {std::pair{true, categorySet}, {true, Lines{}}, {false, Lines{}}, {true, categorySet}}) {
+      p->updateAVSessionManagementEnabled(enable);
+      EXPECT_EQ(p->AVSessionManagmentEnabled(), enable);
+      EXPECT_EQ(peer.isListeningInterruptions(), enable);
+      EXPECT_EQ(takeSessionCalls(), calls);
+    }
+    // Closing with management on releases the session that the opening left alone.
+    peer.setOrResetAVSession(true);
+    EXPECT_FALSE(peer.isListeningInterruptions());
+    EXPECT_EQ(takeSessionCalls(), kDeactivation);
   }
-  // Closing with management on releases the session that the opening left alone.
-  peer.setOrResetAVSession(true);
-  EXPECT_FALSE(peer.isListeningInterruptions());
-  EXPECT_EQ(takeSessionCalls(), kDeactivation);
 }
 
 }  // namespace
