@@ -56,7 +56,8 @@ bool Queue::reportRunning(bool running) {
     queue_->state.running = running;
   }
   if (queue_->listener) {
-    queue_->listener(queue_->listenerData, reinterpret_cast<AudioQueueRef>(queue_->handle), kAudioQueueProperty_IsRunning);
+    queue_->listener(queue_->listenerData, reinterpret_cast<AudioQueueRef>(queue_->handle),
+                     kAudioQueueProperty_IsRunning);
   }
   return true;
 }
@@ -93,7 +94,8 @@ using fake::FakeQueue;
 
 // One call on a queue: finds it in the current test and holds the world's mutex meanwhile.
 struct QueueCall {
-  explicit QueueCall(AudioQueueRef handle) : world(fake::world()), lock(world->mutex), queue(world->findQueue(handle)) {}
+  explicit QueueCall(AudioQueueRef handle)
+      : world(fake::world()), lock(world->mutex), queue(world->findQueue(handle)) {}
 
   // Records "function q=N details"; a disposed queue refuses the call, an unknown handle without a line.
   OSStatus record(const char* function, const std::string& details = "", OSStatus refusal = noErr) {
@@ -110,8 +112,7 @@ struct QueueCall {
 }  // namespace
 
 OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQueueOutputCallback inCallbackProc,
-                             void* inUserData, void*, void*, uint32_t,
-                             AudioQueueRef* outAQ) {
+                             void* inUserData, void*, void*, uint32_t, AudioQueueRef* outAQ) {
   const auto world = fake::world();
   std::lock_guard lock(world->mutex);
   if (OSStatus status = world->record("AudioQueueNewOutput", "AudioQueueNewOutput")) return status;
@@ -130,8 +131,8 @@ OSStatus AudioQueueAllocateBuffer(AudioQueueRef inAQ, uint32_t inBufferByteSize,
   QueueCall call(inAQ);
   if (OSStatus status = call.record("AudioQueueAllocateBuffer")) return status;
   call.queue->memory.push_back(std::make_unique<uint8_t[]>(inBufferByteSize));
-  call.queue->buffers.push_back(std::make_unique<AudioQueueBuffer>(
-      AudioQueueBuffer{inBufferByteSize, call.queue->memory.back().get(), 0}));
+  call.queue->buffers.push_back(
+      std::make_unique<AudioQueueBuffer>(AudioQueueBuffer{inBufferByteSize, call.queue->memory.back().get(), 0}));
   *outBuffer = call.queue->buffers.back().get();
   return noErr;
 }
@@ -141,11 +142,13 @@ OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffe
   QueueCall call(inAQ);
   if (!call.queue || call.queue->state.disposed) return call.record("AudioQueueEnqueueBuffer");
   const auto& buffers = call.queue->buffers;
-  const auto own = std::find_if(buffers.begin(), buffers.end(), [&](const auto& buffer) { return buffer.get() == inBuffer; });
+  const auto own =
+      std::find_if(buffers.begin(), buffers.end(), [&](const auto& buffer) { return buffer.get() == inBuffer; });
   const std::string details = own == buffers.end() ? " buf=?"
                                                    : " buf=" + std::to_string(own - buffers.begin() + 1) +
                                                          " bytes=" + std::to_string(inBuffer->mAudioDataByteSize);
-  if (OSStatus status = call.record("AudioQueueEnqueueBuffer", details + " packets=" + std::to_string(inNumPacketDescs))) {
+  if (OSStatus status =
+          call.record("AudioQueueEnqueueBuffer", details + " packets=" + std::to_string(inNumPacketDescs))) {
     return status;
   }
   const auto* bytes = static_cast<const uint8_t*>(inBuffer->mAudioData);

@@ -11,17 +11,12 @@
 // Call fake::reset() at the start of every test. Every function may be called from any thread.
 // Waits fail the current test after kWaitTimeout and return false instead of hanging.
 //
-// The log lines; q=N and s=N count the test's queues and parsers from 1, buf=N a queue's buffers:
-//   AudioQueueNewOutput  AudioQueueAllocateBuffer q=1  AudioQueueAddPropertyListener q=1 prop=aqrn
-//   AudioQueueSetParameter q=1  AudioQueueEnqueueBuffer q=1 buf=3 bytes=5120 packets=0
-//   AudioQueueStart q=1  AudioQueuePause q=1  AudioQueueStop q=1 immediate=0
-//   AudioQueueDispose q=1 immediate=1  AudioQueueGetCurrentTime q=1  AudioQueueGetProperty q=1
-//   AudioFileStreamOpen  AudioFileStreamParseBytes s=1  AudioFileStreamGetProperty s=1
-//   AudioFileStreamClose s=1  setCategory <category> options=0  setActive 1 options=1
-//   beginReceivingRemoteControlEvents (runs later, on the main queue)  NSLog <the message>
-// A refused call ends in " -> " and its status as four characters ("AudioQueueStart q=1 -> !int"),
-// a call that raises in " -> raises"; a refused call has no other effect. Handles that the test
-// did not get from the fake (a previous test's) are refused without a line.
+// Log lines: "AudioQueueEnqueueBuffer q=1 buf=3 bytes=5120 packets=0", "AudioQueueStop q=1
+// immediate=0", "AudioFileStreamClose s=1", "setActive 1 options=1", "NSLog <message>"; q=N and s=N
+// count the test's queues and parsers from 1, buf=N a queue's buffers. A refused call ends in
+// " -> " and its status as four characters ("AudioQueueStart q=1 -> !int"), a call that raises in
+// " -> raises"; a refused call has no other effect. Handles that the test did not get from the fake
+// (a previous test's) are refused without a line.
 #pragma once
 
 #include <chrono>
@@ -93,7 +88,7 @@ struct QueueState {
   std::optional<float> volume;  // the last volume set
   double sampleTime = 0.0;      // what setSampleTime() last said
 
-  size_t waitingBuffers() const;               // enqueued, not yet played back
+  size_t waitingBuffers() const;                  // enqueued, not yet played back
   std::vector<uint8_t> allEnqueuedBytes() const;  // in enqueue order
 };
 

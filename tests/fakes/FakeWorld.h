@@ -57,7 +57,7 @@ class World {
   OSStatus record(std::string_view function, std::string line, OSStatus refusal = noErr);
   void append(std::string line);  // caller holds mutex
   void choose(std::string_view function, int nth, OSStatus status, std::exception_ptr exception);
-  std::shared_ptr<FakeQueue> findQueue(const void* handle);  // caller holds mutex
+  std::shared_ptr<FakeQueue> findQueue(const void* handle);    // caller holds mutex
   std::shared_ptr<FakeParser> findParser(const void* handle);  // caller holds mutex
   bool waitForLog(const std::function<bool(const std::vector<std::string>&)>& satisfied);
 

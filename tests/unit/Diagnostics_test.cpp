@@ -32,11 +32,13 @@ TEST(DiagnosticLog, SinkReceivesEachWholeLineWithTimeLevelShortFileAndLine) {
 }
 
 TEST(DiagnosticLog, GateWritesOnlyEnabledLevelsAndEvaluatesNothingElse) {
-  struct Case { int enabled; bool error, debug, trace; };
-  for (const Case c : {Case{QEN_TTS::QEN_LOG_LEVEL_ERROR, true, false, false},
-                       Case{QEN_TTS::QEN_LOG_LEVEL_DEBUG, true, true, false},
-                       Case{QEN_TTS::QEN_LOG_LEVEL_TRACE, true, true, true},
-                       Case{QEN_TTS::QEN_LOG_LEVEL_OFF, false, false, false}}) {
+  struct Case {
+    int enabled;
+    bool error, debug, trace;
+  };
+  for (const Case c :
+       {Case{QEN_TTS::QEN_LOG_LEVEL_ERROR, true, false, false}, Case{QEN_TTS::QEN_LOG_LEVEL_DEBUG, true, true, false},
+        Case{QEN_TTS::QEN_LOG_LEVEL_TRACE, true, true, true}, Case{QEN_TTS::QEN_LOG_LEVEL_OFF, false, false, false}}) {
     QEN_TTS::set_log_level(c.enabled);
     evaluations = 0;
     testing::internal::CaptureStderr();
@@ -52,7 +54,10 @@ TEST(DiagnosticLog, GateWritesOnlyEnabledLevelsAndEvaluatesNothingElse) {
 }
 
 TEST(FourCCText, TakesBytesMostSignificantFirstAsTheyAre) {
-  struct Case { int32_t status; std::array<char, 5> text; };
+  struct Case {
+    int32_t status;
+    std::array<char, 5> text;
+  };
   for (const Case c : {Case{0x21696E74, {'!', 'i', 'n', 't', 0}}, Case{0, {0, 0, 0, 0, 0}},
                        Case{-50, {'\xff', '\xff', '\xff', '\xce', 0}}}) {
     EXPECT_EQ(FourCCText(c.status), c.text) << c.status;

@@ -125,7 +125,10 @@ TEST_F(PlayerBuffers, TwentyEnqueuesTakeEverySlotAndTheNextWaitsForAReturnedOne)
 }
 
 TEST_F(PlayerBuffers, EndOfRequestWakesAWaitingProducerWhichEnqueuesNothingMore) {
-  struct Case { const char* end; std::function<void(AudioBufPlayer&)> endRequest; };
+  struct Case {
+    const char* end;
+    std::function<void(AudioBufPlayer&)> endRequest;
+  };
   const Case cases[] = {
       {"stop", [](AudioBufPlayer& p) { p.stop(); }},
       {"queue stopped", [](AudioBufPlayer&) { ASSERT_TRUE(fake::lastQueue().reportRunning(false)); }},

@@ -8,9 +8,9 @@
 // it directly.
 #include <future>
 
-#include "Audio/Platform/Dispatch.h"
-
 #include "Audio/Platform/Application.h"
+#include "Audio/Platform/Dispatch.h"
+#include "Audio/Platform/NotificationCenter.h"
 #include "unit/PlayerTestFixture.h"
 
 namespace {
@@ -37,7 +37,11 @@ TEST_F(PlayerTest, StartRefusedForInterruptionOrBackgroundHoldsTheProducerUntilT
       {"!int", kAudioSessionErr_Interrupted,
        [](bool held) { ASSERT_TRUE(held ? fake::beginInterruption() : fake::endInterruption()); },
        "Can't switch sentence while audio is in interrupt!", AudioBufPlayerPauseSource_INTERRUPT,
-       [](AudioBufPlayer& p) { p.audioSessionInterrupted(interruptionNotification(0)); }},
+       [](AudioBufPlayer& p) {
+         p.audioSessionInterrupted(
+             Notification{AVAudioSessionInterruptionNotification,
+                          std::map<std::string, int64_t>{{AVAudioSessionInterruptionTypeKey, 0}}});
+       }},
       {"!pla", kAudioSessionErr_InBackground, [](bool held) { Application::sharedApplication().setInBackground(held); },
        "Can't begin playback while in background!", AudioBufPlayerPauseSource_BACKGROUND,
        [](AudioBufPlayer& p) { p.resume(); }},

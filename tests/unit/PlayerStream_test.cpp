@@ -87,8 +87,7 @@ TEST_F(PlayerStream, ParserThatCannotBeOpenedFailsTheRequestWithoutAReport) {
   fake::failCall("AudioFileStreamOpen", kAudioFileStreamError_UnsupportedFileType);
   CapturedLog log;
   EXPECT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_FAILED_INIT_STREAM);
-  EXPECT_EQ(log.count("]Error init audio stream: " + std::to_string(kAudioFileStreamError_UnsupportedFileType)),
-            1u);
+  EXPECT_EQ(log.count("]Error init audio stream: " + std::to_string(kAudioFileStreamError_UnsupportedFileType)), 1u);
   EXPECT_EQ(peer().status(), 0);
   EXPECT_EQ(delegate->names(), std::vector<std::string>{"playerWillStartPlayback"});
   EXPECT_TRUE(eventsNamed(deliveredEvents(), "PlayerError").empty());

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "Audio/Platform/AudioSession.h"
-#include "Audio/Platform/NotificationCenter.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 #include "fakes/FakePlatform.h"
@@ -106,12 +105,6 @@ inline std::vector<std::string> callsWith(std::initializer_list<std::string_view
     return std::none_of(texts.begin(), texts.end(), contains);
   });
   return lines;
-}
-
-// An interruption notification as the session posts it, type under AVAudioSessionInterruptionTypeKey.
-inline Notification interruptionNotification(int64_t type) {
-  return Notification{AVAudioSessionInterruptionNotification,
-                      std::map<std::string, int64_t>{{AVAudioSessionInterruptionTypeKey, type}}};
 }
 
 class PlayerTest : public testing::Test {
