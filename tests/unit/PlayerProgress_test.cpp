@@ -5,7 +5,7 @@
 // added to reported positions only, counted on from where a new queue took over; a failing time
 // query or a poll without a request reports nothing.
 // Not here: how the received length is counted (packing tests) and what the queue's stop leads to
-// (playback tests). Polls run on the fake queue's callback thread and the test waits for them.
+// (playback tests). Polls run on the thread that plays a buffer back.
 #include "unit/PlayerTestFixture.h"
 
 namespace {

@@ -2,8 +2,8 @@
 // which packets travel together (offsets rewritten into the buffer, the 5120-byte and
 // 512-description limits, the packets refused); twenty enqueues take every slot in order and the
 // next waits for a returned buffer, whose slot it takes; the end of the request wakes a waiting
-// producer; a failed enqueue is reported once and keeps its slot; received audio is counted per
-// chunk. The fake returns buffers oldest first, so a returned slot is always the lowest taken one.
+// producer; a failed enqueue is reported once and keeps its slot. The fake returns buffers oldest
+// first, so a returned slot is always the lowest taken one.
 #include <algorithm>
 #include <future>
 #include <numeric>
@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
-using PlayerBuffers = PlayerTest;
+using PlayerPacking = PlayerTest;
 
 constexpr size_t kBuffer = AudioBufPlayer::kBufferByteSize;
 
@@ -53,7 +53,7 @@ struct DescribedCase {
   uint32_t deliveredBytes = 0;  // 0: up to the end of the packet that ends last
 };
 
-TEST_F(PlayerBuffers, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd512Packets) {
+TEST_F(PlayerPacking, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd512Packets) {
   const DescribedCase cases[] = {
       {"418-byte packets, twelve to a buffer", contiguous(std::vector<uint32_t>(13, 418)), {indices(0, 12), {12}}},
       {"sizes adding up to 5120 share a buffer", contiguous({1000, 1000, 1000, 1000, 1120, 1}), {indices(0, 5), {5}}},
@@ -103,7 +103,7 @@ TEST_F(PlayerBuffers, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd
   }
 }
 
-TEST_F(PlayerBuffers, TwentyEnqueuesTakeEverySlotAndTheNextWaitsForAReturnedOne) {
+TEST_F(PlayerPacking, TwentyEnqueuesTakeEverySlotAndTheNextWaitsForAReturnedOne) {
   auto producer = std::async(std::launch::async, [&] { return play(testBytes(22 * kBuffer), kPCM16K); });
   const StopOnExit stopOnFailure(*player);
   ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", 20));
@@ -124,7 +124,7 @@ TEST_F(PlayerBuffers, TwentyEnqueuesTakeEverySlotAndTheNextWaitsForAReturnedOne)
   EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 22u);
 }
 
-TEST_F(PlayerBuffers, EndOfRequestWakesAWaitingProducerWhichEnqueuesNothingMore) {
+TEST_F(PlayerPacking, EndOfRequestWakesAWaitingProducerWhichEnqueuesNothingMore) {
   struct Case {
     const char* end;
     std::function<void(AudioBufPlayer&)> endRequest;
@@ -147,7 +147,7 @@ TEST_F(PlayerBuffers, EndOfRequestWakesAWaitingProducerWhichEnqueuesNothingMore)
   }
 }
 
-TEST_F(PlayerBuffers, FailedEnqueueIsReportedOnceAndKeepsItsSlot) {
+TEST_F(PlayerPacking, FailedEnqueueIsReportedOnceAndKeepsItsSlot) {
   fake::failCall("AudioQueueEnqueueBuffer", kAudioQueueErr_InvalidBuffer);
   CapturedLog log;
   ASSERT_EQ(play(testBytes(2 * kBuffer), kPCM16K), AudioBufPlayerError_OK);
