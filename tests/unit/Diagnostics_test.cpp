@@ -1,4 +1,4 @@
-// The log line's exact shape as a host's sink receives it, the level gate, and FourCCText.
+// The log line's exact shape as a host's sink receives it, and the level gate.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -50,17 +50,6 @@ TEST(DiagnosticLog, GateWritesOnlyEnabledLevelsAndEvaluatesNothingElse) {
     EXPECT_EQ(written.find("[DEBUG]") != std::string::npos, c.debug) << c.enabled;
     EXPECT_EQ(written.find("[TRACE]") != std::string::npos, c.trace) << c.enabled;
     EXPECT_EQ(evaluations, int(c.error) + int(c.debug) + int(c.trace)) << c.enabled;
-  }
-}
-
-TEST(FourCCText, TakesBytesMostSignificantFirstAsTheyAre) {
-  struct Case {
-    int32_t status;
-    std::array<char, 5> text;
-  };
-  for (const Case c : {Case{0x21696E74, {'!', 'i', 'n', 't', 0}}, Case{0, {0, 0, 0, 0, 0}},
-                       Case{-50, {'\xff', '\xff', '\xff', '\xce', 0}}}) {
-    EXPECT_EQ(FourCCText(c.status), c.text) << c.status;
   }
 }
 

@@ -1,23 +1,11 @@
-// The player object and its posted notifications: a new player's settings; the notifications reach
-// the delegate set when they were posted, keep it alive until delivered, and are lost without a
-// delegate. That the delegate is held weakly shows in every test: the fixture waits for its last
-// reference to go.
+// Posted notifications reach the delegate set when they were posted, keep it alive until delivered,
+// and are lost without a delegate. That the delegate is held weakly shows in every test: the
+// fixture waits for its last reference to go.
 #include <algorithm>
 
 #include "unit/PlayerTestFixture.h"
 
 namespace {
-
-using Peer = AudioBufPlayerTestPeer;
-
-TEST_F(PlayerTest, NewPlayerIsStoppedAtHalfVolumeAndTouchesNoPlatformService) {
-  const auto fresh = AudioBufPlayer::initWithAudioSessionCategory("AVAudioSessionCategoryPlayback", 7, true);
-  EXPECT_EQ(Peer(fresh).status(), AudioBufPlayer::PS_STOPPED);
-  EXPECT_EQ(fresh->volume(), 0.5f);
-  EXPECT_EQ(fresh->audioSessionSetCount(), 0);
-  EXPECT_FALSE(Peer(fresh).isListeningInterruptions());
-  EXPECT_TRUE(fake::calls().empty());
-}
 
 TEST_F(PlayerTest, NotificationsReachTheDelegateSetWhenPostedAndAreLostWithoutOne) {
   const auto postAllFour = [this] {

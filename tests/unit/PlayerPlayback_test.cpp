@@ -66,8 +66,8 @@ TEST_F(PlayerTest, StartRefusedForInterruptionOrBackgroundHoldsTheProducerUntilT
                                                      "AudioQueueStart q=1", "AudioQueueStart q=1"}));
     EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 2u);
     const std::string status = std::to_string(c.status);
-    EXPECT_EQ(log.countLines("ERROR", "AudioQueue start errored error: " + status + " (" + c.refusal + ")"), 1u);
-    EXPECT_EQ(log.countLines("ERROR", c.why), 1u);
+    EXPECT_EQ(log.countLines("AudioQueue start errored error: " + status + " (" + c.refusal + ")"), 1u);
+    EXPECT_EQ(log.countLines(c.why), 1u);
     const std::vector<DelegateEvent> events = deliveredEvents();
     const std::vector<DelegateEvent> paused = eventsNamed(events, "PlayerWasPaused");
     ASSERT_EQ(paused.size(), 1u);
@@ -106,7 +106,7 @@ TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHol
     EXPECT_EQ(peer().status(), 0);
     EXPECT_EQ(peer().audioQueue(), nullptr);
     EXPECT_EQ(fake::countCalls("AudioQueueDispose q=1 immediate=1"), 1u);
-    EXPECT_EQ(log.countLines("DEBUG", "Audio queue stopped"), 1u);
+    EXPECT_EQ(log.countLines("Audio queue stopped"), 1u);
     EXPECT_EQ(player->audioSessionSetCount(), 0);
     if (manage) {
       EXPECT_EQ(AudioBufPlayerTestPeer::sessionUsageCount(), 1) << "no hold taken";
@@ -170,7 +170,7 @@ TEST_F(PlayerTest, StopWhoseRunningStateCannotBeReadStillEndsTheSentence) {
   ASSERT_TRUE(fake::lastQueue().reportRunning(false));
   ASSERT_TRUE(postedWorkDone());
   EXPECT_EQ(peer().status(), 0);
-  EXPECT_EQ(log.countLines("DEBUG", "AudioQueueGetProperty(IsRunning) returned: " +
+  EXPECT_EQ(log.countLines("AudioQueueGetProperty(IsRunning) returned: " +
                                         std::to_string(kAudioQueueErr_InvalidQueue) + " taken as stopped"),
             1u);
   EXPECT_EQ(eventsNamed(deliveredEvents(), "PlaybackFinished").size(), 1u);

@@ -103,7 +103,7 @@ TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {
     ASSERT_TRUE(queue.playBack());
     EXPECT_EQ(fake::countCalls("AudioQueueGetCurrentTime"), c.timeQueries);
     EXPECT_EQ(fake::countCalls("AudioQueueStop"), 0u);
-    EXPECT_EQ(log.countLines("DEBUG", failed), c.debugLines);
+    EXPECT_EQ(log.countLines(failed), c.debugLines);
     EXPECT_EQ(log.count("current playtime"), 0u);
     EXPECT_TRUE(pollReports(*delegate).empty());
   }

@@ -1,10 +1,7 @@
-// Opening a sentence's stream and feeding it: the PCM stream description; the parser's lifetime
-// (closed by the next MP3 opening or the player's end, its handle kept by PCM sentences); the
-// parse status lines and the single error of a rejected chunk; a parser that cannot be opened. The
-// MP3 format on "redy": a failed read, a raised exception, a report after the request ended, and a
-// second report that reopens the queue.
-#include <cstring>
-
+// Opening a sentence's stream: the parser's lifetime (closed by the next MP3 opening or the player's
+// end, its handle kept by PCM sentences); a parser that cannot be opened. The MP3 format on "redy":
+// a failed read, a raised exception, a report after the request ended, and a second report that
+// reopens the queue.
 #include "Audio/Platform/PlatformException.h"
 #include "unit/PlayerTestFixture.h"
 
@@ -14,27 +11,6 @@ using PlayerStream = PlayerTest;
 
 std::string parseError(OSStatus status, const char* text) {
   return "AudioFileStreamParseBytes returned error " + std::to_string(status) + " (" + text + ")";
-}
-
-TEST_F(PlayerStream, PcmStreamIsSixteenBitSignedLittleEndianMonoAtItsRate) {
-  const struct {
-    Format format;
-    double rate;
-    const char* line;
-  } cases[] = {{kPCM8K, 8000.0, "]Stream type PCM8\n"}, {kPCM16K, 16000.0, "]Stream type PCM16\n"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
-    startOver();
-    CapturedLog log;
-    ASSERT_EQ(play(testBytes(100), c.format), AudioBufPlayerError_OK);
-    const AudioStreamBasicDescription format = fake::lastQueue().state().format;
-    const AudioStreamBasicDescription expected{
-        c.rate, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2, 1, 2, 1, 16, 0};
-    EXPECT_EQ(std::memcmp(&format, &expected, sizeof format), 0);
-    EXPECT_EQ(peer().samplesPerPacket(), 1u);
-    EXPECT_EQ(peer().sampleRate(), c.rate);
-    EXPECT_EQ(log.count(c.line), 1u);
-  }
 }
 
 TEST_F(PlayerStream, NextMp3OpeningClosesThePreviousParserWithOneLineWhateverTheCloseSays) {
@@ -65,22 +41,6 @@ TEST_F(PlayerStream, PcmSentenceAfterAnMp3OneLeavesTheParserOpenUntilThePlayerGo
   EXPECT_EQ(fake::lastQueue().state().allEnqueuedBytes(), testBytes(5120));
   player.reset();
   EXPECT_TRUE(fake::waitForCall("AudioFileStreamClose s=1"));
-}
-
-TEST_F(PlayerStream, EveryMp3ChunkWritesOneParseLineAndARejectedOneTwoWithOneError) {
-  CapturedLog log;
-  ASSERT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-  ASSERT_EQ(append(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-  fake::failCall("AudioFileStreamParseBytes", kAudioFileStreamError_InvalidFile);
-  EXPECT_EQ(append(testBytes(1000), kMP3), AudioBufPlayerError_FAILED_PARSE_STREAM);
-  EXPECT_EQ(log.count("]parse err: 0\n"), 2u);
-  EXPECT_EQ(log.count("]parse err: " + std::to_string(kAudioFileStreamError_InvalidFile) + "\n"), 2u);
-  EXPECT_TRUE(peer().status() & AudioBufPlayer::PS_ACTIVE) << "a failed append leaves the request going";
-
-  const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].error, AudioBufPlayerError_FAILED_PARSE_STREAM);
-  EXPECT_EQ(errors[0].description, parseError(kAudioFileStreamError_InvalidFile, "dta?"));
 }
 
 TEST_F(PlayerStream, ParserThatCannotBeOpenedFailsTheRequestWithoutAReport) {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <future>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -59,18 +58,7 @@ class CapturedLog {
     for (size_t at = text().find(needle); at != std::string::npos; at = text_.find(needle, at + 1)) ++n;
     return n;
   }
-  // Lines of level ("ERROR", "DEBUG", "TRACE") whose message is exactly message.
-  size_t countLines(std::string_view level, std::string_view message) {
-    const std::string head = "[" + std::string(level) + "][";
-    size_t n = 0;
-    std::istringstream lines(text());
-    for (std::string line; std::getline(lines, line);) {
-      const size_t at = line.find(head);
-      const size_t end = at == std::string::npos ? at : line.find(']', at + head.size());
-      n += end != std::string::npos && std::string_view(line).substr(end + 1) == message;
-    }
-    return n;
-  }
+  size_t countLines(std::string_view message) { return count("]" + std::string(message) + "\n"); }
 
  private:
   const int savedLevel_;
