@@ -67,7 +67,7 @@ namespace {
 // One call on a parser: records "function s=N" unless the handle is unknown; a closed parser refuses.
 OSStatus recordParserCall(fake::World& world, const char* function, AudioFileStreamID handle, OSStatus refusal,
                           std::shared_ptr<fake::FakeParser>& parser) {
-  parser = world.findParser(handle);
+  parser = fake::World::find(world.parsers, handle);
   if (!parser) return kAudioFileStreamError_InvalidStream;
   if (parser->closed) refusal = kAudioFileStreamError_InvalidStream;
   return world.record(function, function + (" s=" + std::to_string(parser->id)), refusal);

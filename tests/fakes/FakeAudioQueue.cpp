@@ -95,7 +95,7 @@ using fake::FakeQueue;
 // One call on a queue: finds it in the current test and holds the world's mutex meanwhile.
 struct QueueCall {
   explicit QueueCall(AudioQueueRef handle)
-      : world(fake::world()), lock(world->mutex), queue(world->findQueue(handle)) {}
+      : world(fake::world()), lock(world->mutex), queue(fake::World::find(world->queues, handle)) {}
 
   // Records "function q=N details"; a disposed queue refuses the call, an unknown handle without a line.
   OSStatus record(const char* function, const std::string& details = "", OSStatus refusal = noErr) {

@@ -1,22 +1,14 @@
-// The platform stand-in that the player's unit tests link instead of the real audio services.
+// The platform stand-in that the player's unit tests link instead of the real audio services: the
+// output queue, the stream parser, AudioSession, Application and NSLog (the work queues and the
+// notification centre are the real ones). It logs every call as one line, lets a test choose the
+// n-th call's status or exception, and plays buffers back and reports running-state changes only
+// on the test's command, on the commanding thread, so a test decides when the player hears from
+// its queue. Waits fail the current test after kWaitTimeout instead of hanging.
 //
-// It replaces the output queue (AudioQueue*), the stream parser (AudioFileStream*), AudioSession,
-// Application and NSLog; the work queues and the notification centre are the real ones. It
-//  - records every call, in call order, as one line of text in one log;
-//  - makes the n-th call of a function return a chosen status or raise a chosen exception;
-//  - plays enqueued buffers back and reports running-state changes on command, on the thread that
-//    gives the command, so a test decides exactly when the player hears from its queue;
-//  - "parses" MP3 by a simple rule that a test can replace, and never decodes anything.
-//
-// Call fake::reset() at the start of every test. Every function may be called from any thread.
-// Waits fail the current test after kWaitTimeout and return false instead of hanging.
-//
-// Log lines: "AudioQueueEnqueueBuffer q=1 buf=3 bytes=5120 packets=0", "AudioQueueStop q=1
-// immediate=0", "AudioFileStreamClose s=1", "setActive 1 options=1", "NSLog <message>"; q=N and s=N
-// count the test's queues and parsers from 1, buf=N a queue's buffers. A refused call ends in
-// " -> " and its status as four characters ("AudioQueueStart q=1 -> !int"), a call that raises in
-// " -> raises"; a refused call has no other effect. Handles that the test did not get from the fake
-// (a previous test's) are refused without a line.
+// Log lines: "AudioQueueEnqueueBuffer q=1 buf=3 bytes=5120 packets=0", "setActive 1 options=1",
+// "NSLog <message>"; q=N, s=N and buf=N count the test's queues, parsers and a queue's buffers
+// from 1. A refused call ends in " -> " and its status as four characters, a call that raises in
+// " -> raises". A previous test's handles are refused without a line.
 #pragma once
 
 #include <chrono>
@@ -37,9 +29,7 @@ namespace fake {
 
 inline constexpr std::chrono::seconds kWaitTimeout{30};
 
-// Starts a new test: a new log, no chosen results, default parsing, a session with no category,
-// inactive and not interrupted, the application in the foreground. Session notifications still
-// under way are delivered first; the previous test's queues are disposed of.
+// Starts a new test on a new world; the previous test's session notifications are delivered first.
 void reset();
 
 // The call log; calls(text) keeps only the lines that contain text.
@@ -48,11 +38,9 @@ std::vector<std::string> calls(std::string_view text);
 size_t countCalls(std::string_view text);
 void clearCalls();
 
-// Wait until a line, or count lines, contain text.
 [[nodiscard]] bool waitForCall(std::string_view text);
 [[nodiscard]] bool waitForCalls(std::string_view text, size_t count);
-// Waits until every task posted to the main work queue before this call has run (the
-// remote-control registrations run there).
+// The remote-control registrations run on the main work queue.
 [[nodiscard]] bool waitForMainQueue();
 
 // The nth call of function (the first word of its log line) from now on fails with status; for
@@ -65,28 +53,24 @@ void raiseOnCall(std::string_view function, const Exception& exception) {
   raiseOnCall(function, std::make_exception_ptr(exception));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Output queues.
-
 struct EnqueuedBuffer {
   AudioQueueBufferRef handle = nullptr;
-  std::vector<uint8_t> bytes;  // a copy, taken at the enqueue
+  std::vector<uint8_t> bytes;
   uint32_t packets = 0;
   std::vector<AudioStreamPacketDescription> descriptions;
   bool returned = false;  // the output callback has been called with it
 };
 
-// A copy of what the fake knows about one queue.
 struct QueueState {
   int id = 0;  // q=N
   AudioStreamBasicDescription format{};
-  std::vector<EnqueuedBuffer> enqueued;  // every accepted enqueue, oldest first
-  bool started = false;                  // AudioQueueStart has succeeded at least once
-  bool paused = false;                   // AudioQueuePause since the last start
+  std::vector<EnqueuedBuffer> enqueued;
+  bool started = false;
+  bool paused = false;
   bool disposed = false;
-  bool running = false;         // what reportRunning() last said
-  std::optional<float> volume;  // the last volume set
-  double sampleTime = 0.0;      // what setSampleTime() last said
+  bool running = false;
+  std::optional<float> volume;
+  double sampleTime = 0.0;
 
   size_t waitingBuffers() const;                  // enqueued, not yet played back
   std::vector<uint8_t> allEnqueuedBytes() const;  // in enqueue order
@@ -94,19 +78,15 @@ struct QueueState {
 
 struct FakeQueue;
 
-// A test's handle on one fake queue; its state stays readable after disposal. The commands call
-// the player on the calling thread and return once it has returned; false when there is nothing
-// to play back or the queue has been disposed of.
+// A test's handle on one fake queue. The commands call the player on the calling thread; false
+// when there is nothing to play back or the queue has been disposed of.
 class Queue {
  public:
   QueueState state() const;
-  // Plays back the oldest enqueued buffer not yet played back: calls the output callback with it.
-  [[nodiscard]] bool playBack();
+  [[nodiscard]] bool playBack();  // the oldest buffer not yet played back
   [[nodiscard]] bool playBackAll();
-  // Sets what AudioQueueGetProperty(IsRunning) reads, then calls the running-state listener.
-  // AudioQueueStart and AudioQueueStop never change it: the test decides when the queue has played out.
+  // Start and stop never change the running state: the test decides when the queue has played out.
   [[nodiscard]] bool reportRunning(bool running);
-  // The position that AudioQueueGetCurrentTime reports once the queue has been started.
   void setSampleTime(double sampleTime);
 
  private:
@@ -116,17 +96,12 @@ class Queue {
 };
 
 size_t queueCount();
-// The test's queue q=id, or its most recent one; fails the test when there is none.
+// Fails the test when there is no such queue.
 Queue queue(int id);
 Queue lastQueue();
 
-// ---------------------------------------------------------------------------------------------
-// Stream parsers.
-//
-// By default a parser's first AudioFileStreamParseBytes reports kAudioFileStreamProperty_DataFormat
-// and then kAudioFileStreamProperty_ReadyToProducePackets; then every call cuts the bytes it has (a
-// remainder carries over) into packets of kDefaultMp3PacketSize and delivers the complete ones in
-// one packets callback. AudioFileStreamGetProperty(DataFormat) returns the data format.
+// By default a parser's first call reports the data format and ready-to-produce-packets, and every
+// call delivers the complete kDefaultMp3PacketSize packets of what it has (a remainder carries over).
 
 // MPEG-2 Layer III, 16000 Hz, mono, 576 frames per packet.
 AudioStreamBasicDescription defaultMp3Format();
@@ -136,8 +111,7 @@ void setParserDataFormat(const AudioStreamBasicDescription& format);
 
 struct FakeParser;
 
-// What a parser behaviour can do within one AudioFileStreamParseBytes call; its reports and
-// deliveries reach the player on the calling thread, as the real parser's do.
+// What a parser behaviour can do within one AudioFileStreamParseBytes call.
 class ParseContext {
  public:
   ParseContext(FakeParser& parser, std::span<const uint8_t> bytes) : parser_(parser), bytes_(bytes) {}
@@ -155,14 +129,11 @@ class ParseContext {
   const std::span<const uint8_t> bytes_;
 };
 
-// Replaces what every AudioFileStreamParseBytes of the test does; its result is the call's status.
 using ParserBehaviour = std::function<OSStatus(ParseContext& context)>;
 void setParserBehaviour(ParserBehaviour behaviour);
 
-// ---------------------------------------------------------------------------------------------
-// The audio session. Its notifications go out from the session's serial queue, as the real one's;
-// AudioQueueStart is refused with "!int" while it is interrupted and with "!pla" while the
-// application is in the background. These return once every handler has returned.
+// AudioQueueStart is refused with "!int" while the session is interrupted and with "!pla" while the
+// application is in the background. These return once every session handler has returned.
 
 [[nodiscard]] bool beginInterruption();
 [[nodiscard]] bool endInterruption();

@@ -80,20 +80,6 @@ void World::choose(std::string_view function, int nth, OSStatus status, std::exc
   scripts_.push_back(Script{std::string(function), std::max(nth, 1) - 1, status, std::move(exception)});
 }
 
-std::shared_ptr<FakeQueue> World::findQueue(const void* handle) {
-  for (const auto& queue : queues) {
-    if (queue->handle == reinterpret_cast<uintptr_t>(handle)) return queue;
-  }
-  return nullptr;
-}
-
-std::shared_ptr<FakeParser> World::findParser(const void* handle) {
-  for (const auto& parser : parsers) {
-    if (parser->handle == reinterpret_cast<uintptr_t>(handle)) return parser;
-  }
-  return nullptr;
-}
-
 bool World::waitForLog(const std::function<bool(const std::vector<std::string>&)>& satisfied) {
   std::unique_lock lock(mutex);
   if (appended_.wait_for(lock, kWaitTimeout, [&] { return satisfied(log); })) return true;

@@ -4,6 +4,7 @@
 // without it.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -52,13 +53,16 @@ class World {
   AudioStreamBasicDescription dataFormat = defaultMp3Format();
   ParserBehaviour behaviour;  // empty: the default
 
-  // Caller holds mutex. Appends line, ended by the outcome of the call: refusal when it is not
-  // noErr, else a chosen result of function, if any. Returns the status; raises a chosen exception.
+  // Caller holds mutex. Appends line with the call's outcome (refusal, else a chosen result).
   OSStatus record(std::string_view function, std::string line, OSStatus refusal = noErr);
   void append(std::string line);  // caller holds mutex
   void choose(std::string_view function, int nth, OSStatus status, std::exception_ptr exception);
-  std::shared_ptr<FakeQueue> findQueue(const void* handle);    // caller holds mutex
-  std::shared_ptr<FakeParser> findParser(const void* handle);  // caller holds mutex
+  template <class Fake>  // caller holds mutex
+  static std::shared_ptr<Fake> find(const std::vector<std::shared_ptr<Fake>>& fakes, const void* handle) {
+    const auto has = [&](const auto& fake) { return fake->handle == reinterpret_cast<uintptr_t>(handle); };
+    const auto found = std::find_if(fakes.begin(), fakes.end(), has);
+    return found == fakes.end() ? nullptr : *found;
+  }
   bool waitForLog(const std::function<bool(const std::vector<std::string>&)>& satisfied);
 
  private:

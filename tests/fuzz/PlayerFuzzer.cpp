@@ -112,59 +112,6 @@ class EndsDelegate : public AudioBufPlayerDelegate {
   size_t ends_ = 0;  // guarded by mutex_
 };
 
-struct Feed {
-  bool append;
-  Format format;
-  std::vector<uint8_t> bytes;
-};
-
-enum class Control { Pause, Resume, Stop, Start, Volume, PlayBack, PlayBackAll, Count };
-
-struct Input {
-  std::vector<Feed> feeds;
-  std::vector<std::pair<Control, uint8_t>> controls;
-};
-
-Input decode(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
-  static constexpr Format kFormats[] = {
-      QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM8K, QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K,
-      QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3, QEN_TTS::Audio::EAudioPlayerAudioFormat_ALAW, Format(77)};
-  const Format sentence = kFormats[in.ConsumeIntegralInRange<size_t>(0, 2)];
-  Input input;
-  const size_t feeds = in.ConsumeIntegralInRange<size_t>(1, 8);
-  for (size_t i = 0; i < feeds; ++i) {
-    Feed feed;
-    feed.append = i > 0 && in.ConsumeBool();
-    const uint8_t pick = in.ConsumeIntegral<uint8_t>();
-    feed.format = pick < 224 ? sentence : kFormats[pick % std::size(kFormats)];
-    feed.bytes = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 9000));
-    input.feeds.push_back(std::move(feed));
-  }
-  const size_t controls = in.ConsumeIntegralInRange<size_t>(0, 12);
-  for (size_t i = 0; i < controls; ++i) {
-    const auto control = Control(in.ConsumeIntegralInRange<int>(0, int(Control::Count) - 1));
-    input.controls.emplace_back(control, in.ConsumeIntegral<uint8_t>());
-  }
-  return input;
-}
-
-bool mayReturn(const Feed& feed, AudioBufPlayerError result) {
-  switch (result) {
-    case AudioBufPlayerError_OK:
-    case AudioBufPlayerError_STOPPED:
-      return true;
-    case AudioBufPlayerError_SWITCH_FORMAT:
-      return feed.append;
-    case AudioBufPlayerError_UNSUPPORTED_FORMAT:
-      return feed.format > QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
-    case AudioBufPlayerError_FAILED_PARSE_STREAM:
-      return feed.format == QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
-    default:
-      return false;
-  }
-}
-
 // The sound device: plays the current queue's oldest buffer back, its clock standing at the end of
 // that buffer, so that the player's progress poll sees where playback is. Returns whether a buffer
 // was played back.
@@ -190,33 +137,72 @@ class Device {
   double frames_ = 0.0;
 };
 
-void apply(AudioBufPlayer& player, Device& device, Control control, uint8_t argument) {
-  switch (control) {
-    case Control::Pause:
-      player.pause();
-      break;
-    case Control::Resume:
-      player.resume();
-      break;
-    case Control::Stop:
-      player.stop();
-      break;
-    case Control::Start:
-      player.start();
-      break;
-    case Control::Volume:
-      player.setVolume(float(argument) / 128.0f - 0.25f);
-      break;
-    case Control::PlayBack:
+// What the main thread can do while the client feeds: the user's calls and the sound device's.
+using Control = void (*)(AudioBufPlayer& player, Device& device, uint8_t argument);
+constexpr Control kControls[] = {
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.pause(); },
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.resume(); },
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.stop(); },
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.start(); },
+    [](AudioBufPlayer& player, Device&, uint8_t argument) { player.setVolume(float(argument) / 128.0f - 0.25f); },
+    [](AudioBufPlayer&, Device& device, uint8_t argument) {
       for (int i = 0; i < argument % 4 && device.playOne(); ++i) {
       }
-      break;
-    case Control::PlayBackAll:
+    },
+    [](AudioBufPlayer&, Device& device, uint8_t) {
       while (device.playOne()) {
       }
-      break;
-    case Control::Count:
-      break;
+    },
+};
+
+struct Feed {
+  bool append;
+  Format format;
+  std::vector<uint8_t> bytes;
+};
+
+struct Input {
+  std::vector<Feed> feeds;
+  std::vector<std::pair<size_t, uint8_t>> controls;  // an index into kControls and its argument
+};
+
+Input decode(const uint8_t* data, size_t size) {
+  FuzzedDataProvider in(data, size);
+  static constexpr Format kFormats[] = {
+      QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM8K, QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K,
+      QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3, QEN_TTS::Audio::EAudioPlayerAudioFormat_ALAW, Format(77)};
+  const Format sentence = kFormats[in.ConsumeIntegralInRange<size_t>(0, 2)];
+  Input input;
+  const size_t feeds = in.ConsumeIntegralInRange<size_t>(1, 8);
+  for (size_t i = 0; i < feeds; ++i) {
+    Feed feed;
+    feed.append = i > 0 && in.ConsumeBool();
+    const uint8_t pick = in.ConsumeIntegral<uint8_t>();
+    feed.format = pick < 224 ? sentence : kFormats[pick % std::size(kFormats)];
+    feed.bytes = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 9000));
+    input.feeds.push_back(std::move(feed));
+  }
+  const size_t controls = in.ConsumeIntegralInRange<size_t>(0, 12);
+  for (size_t i = 0; i < controls; ++i) {
+    const size_t control = in.ConsumeIntegralInRange<size_t>(0, std::size(kControls) - 1);
+    input.controls.emplace_back(control, in.ConsumeIntegral<uint8_t>());
+  }
+  return input;
+}
+
+bool mayReturn(const Feed& feed, AudioBufPlayerError result) {
+  switch (result) {
+    case AudioBufPlayerError_OK:
+    case AudioBufPlayerError_STOPPED:
+      return true;
+    case AudioBufPlayerError_SWITCH_FORMAT:
+      return feed.append;
+    case AudioBufPlayerError_UNSUPPORTED_FORMAT:
+      return feed.format > QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
+    case AudioBufPlayerError_FAILED_PARSE_STREAM:
+      return feed.format == QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
+    default:
+      return false;
   }
 }
 
@@ -270,7 +256,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   });
   Device device;
-  for (const auto& [control, argument] : input.controls) apply(*player, device, control, argument);
+  for (const auto& [control, argument] : input.controls) kControls[control](*player, device, argument);
 
   // The user lets the sentence go on, and the device plays while the client still feeds.
   const auto deadline = std::chrono::steady_clock::now() + kHangDeadline;
