@@ -40,13 +40,6 @@ bool Queue::playBack() {
   return true;
 }
 
-bool Queue::playBackAll() {
-  for (size_t waiting = state().waitingBuffers(); waiting > 0; --waiting) {
-    if (!playBack()) return false;
-  }
-  return true;
-}
-
 bool Queue::reportRunning(bool running) {
   if (!queue_) return false;
   {

@@ -84,7 +84,6 @@ class Queue {
  public:
   QueueState state() const;
   [[nodiscard]] bool playBack();  // the oldest buffer not yet played back
-  [[nodiscard]] bool playBackAll();
   // Start and stop never change the running state: the test decides when the queue has played out.
   [[nodiscard]] bool reportRunning(bool running);
   void setSampleTime(double sampleTime);

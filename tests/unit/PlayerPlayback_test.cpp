@@ -98,7 +98,6 @@ TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHol
     endSessionUsesLeftOpen();
     player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, manage);
     player->start();
-    CapturedLog log;
     ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
     ASSERT_TRUE(fake::lastQueue().reportRunning(false));
     ASSERT_TRUE(delegate->waitFor("PlaybackFinished"));
@@ -106,7 +105,6 @@ TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHol
     EXPECT_EQ(peer().status(), 0);
     EXPECT_EQ(peer().audioQueue(), nullptr);
     EXPECT_EQ(fake::countCalls("AudioQueueDispose q=1 immediate=1"), 1u);
-    EXPECT_EQ(log.countLines("Audio queue stopped"), 1u);
     EXPECT_EQ(player->audioSessionSetCount(), 0);
     if (manage) {
       EXPECT_EQ(AudioBufPlayerTestPeer::sessionUsageCount(), 1) << "no hold taken";
@@ -148,7 +146,8 @@ TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
     if (nextSentence) {
       ASSERT_EQ(play(testBytes(100), kMP3), AudioBufPlayerError_OK);
     }
-    ASSERT_TRUE(first.playBackAll());
+    while (first.playBack()) {
+    }
     ASSERT_TRUE(first.reportRunning(false));
     ASSERT_TRUE(postedWorkDone());
 
@@ -166,13 +165,9 @@ TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
 TEST_F(PlayerTest, StopWhoseRunningStateCannotBeReadStillEndsTheSentence) {
   ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
   fake::failCall("AudioQueueGetProperty", kAudioQueueErr_InvalidQueue);
-  CapturedLog log;
   ASSERT_TRUE(fake::lastQueue().reportRunning(false));
   ASSERT_TRUE(postedWorkDone());
   EXPECT_EQ(peer().status(), 0);
-  EXPECT_EQ(log.countLines("AudioQueueGetProperty(IsRunning) returned: " +
-                                        std::to_string(kAudioQueueErr_InvalidQueue) + " taken as stopped"),
-            1u);
   EXPECT_EQ(eventsNamed(deliveredEvents(), "PlaybackFinished").size(), 1u);
 }
 

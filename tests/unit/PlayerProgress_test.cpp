@@ -84,13 +84,11 @@ TEST_F(PlayerTest, PollCountsThePositionOfANewQueueFromWhereItTookOverTheSentenc
 }
 
 TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {
-  struct Case { const char* what; std::function<void()> prepare; size_t timeQueries; size_t debugLines; };
-  const std::string failed =
-      "call AudioQueueGetCurrentTime returned: " + std::to_string(kAudioQueueErr_DeviceFailed) + " ignore value";
+  struct Case { const char* what; std::function<void()> prepare; size_t timeQueries; };
   const Case cases[] = {
-      {"time query fails", [] { fake::failCall("AudioQueueGetCurrentTime", kAudioQueueErr_DeviceFailed); }, 1, 1},
+      {"time query fails", [] { fake::failCall("AudioQueueGetCurrentTime", kAudioQueueErr_DeviceFailed); }, 1},
       // An empty first chunk ends the request and leaves its queue playing.
-      {"no request", [this] { ASSERT_EQ(play({}, kPCM16K), AudioBufPlayerError_OK); }, 0, 0},
+      {"no request", [this] { ASSERT_EQ(play({}, kPCM16K), AudioBufPlayerError_OK); }, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -99,12 +97,9 @@ TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {
     auto queue = fake::lastQueue();
     queue.setSampleTime(31000);
     c.prepare();
-    CapturedLog log;
     ASSERT_TRUE(queue.playBack());
     EXPECT_EQ(fake::countCalls("AudioQueueGetCurrentTime"), c.timeQueries);
     EXPECT_EQ(fake::countCalls("AudioQueueStop"), 0u);
-    EXPECT_EQ(log.countLines(failed), c.debugLines);
-    EXPECT_EQ(log.count("current playtime"), 0u);
     EXPECT_TRUE(pollReports(*delegate).empty());
   }
 }
