@@ -13,34 +13,26 @@ std::string parseError(OSStatus status, const char* text) {
   return "AudioFileStreamParseBytes returned error " + std::to_string(status) + " (" + text + ")";
 }
 
-TEST_F(PlayerStream, NextMp3OpeningClosesThePreviousParserWithOneLineWhateverTheCloseSays) {
+TEST_F(PlayerStream, ParserLivesUntilTheNextMp3OpeningOrThePlayersEndWhateverTheCloseSays) {
   for (const OSStatus closed : {noErr, kAudioFileStreamError_InvalidStream}) {
     SCOPED_TRACE(closed);
     startOver();
     CapturedLog log;
-    ASSERT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-    player->stop();
-    player->start();
-    if (closed) fake::failCall("AudioFileStreamClose", closed);
-    ASSERT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-    EXPECT_EQ(fake::countCalls("AudioFileStreamClose s=1"), 1u);
-    EXPECT_EQ(log.count("]audio file stream close: "), 1u);
+    for (const Format format : {kMP3, kPCM16K, kMP3}) {
+      if (format == kMP3 && closed) fake::failCall("AudioFileStreamClose", closed);
+      ASSERT_EQ(play(testBytes(1000), format), AudioBufPlayerError_OK);
+      player->stop();
+      player->start();
+    }
+    const std::string closing = "AudioFileStreamClose s=1" + std::string(closed ? " -> stm?" : "");
+    EXPECT_EQ(callsWith({"AudioFileStreamOpen", "AudioFileStreamClose", "AudioQueueNewOutput"}),
+              (std::vector<std::string>{"AudioFileStreamOpen", "AudioQueueNewOutput", "AudioQueueNewOutput", closing,
+                                        "AudioFileStreamOpen", "AudioQueueNewOutput"}));
     EXPECT_EQ(log.count("]audio file stream close: " + std::to_string(closed) + "\n"), 1u);
-    EXPECT_EQ(fake::lastQueue().state().enqueued.size(), 1u) << "the new parser s=2 feeds the new queue";
+    EXPECT_EQ(fake::queue(3).state().enqueued.size(), 1u) << "the new parser s=2 feeds the new queue";
+    player.reset();
+    EXPECT_TRUE(fake::waitForCall("AudioFileStreamClose s=2"));
   }
-}
-
-TEST_F(PlayerStream, PcmSentenceAfterAnMp3OneLeavesTheParserOpenUntilThePlayerGoes) {
-  ASSERT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-  player->stop();
-  player->start();
-  const AudioFileStreamID parser = peer().audioFileStream();
-  ASSERT_EQ(play(testBytes(5120), kPCM16K), AudioBufPlayerError_OK);
-  EXPECT_EQ(fake::countCalls("AudioFileStreamClose"), 0u);
-  EXPECT_EQ(peer().audioFileStream(), parser);
-  EXPECT_EQ(fake::lastQueue().state().allEnqueuedBytes(), testBytes(5120));
-  player.reset();
-  EXPECT_TRUE(fake::waitForCall("AudioFileStreamClose s=1"));
 }
 
 TEST_F(PlayerStream, ParserThatCannotBeOpenedFailsTheRequestWithoutAReport) {
