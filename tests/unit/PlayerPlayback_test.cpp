@@ -1,14 +1,11 @@
 // Starting the queue and following its running state to the sentence's one end. A start refused
-// for an interruption or the background holds the producer, says why and pauses until the hold
-// ends; any other start failure is reported and retried by the next enqueue; a stop of the queue
-// ends the sentence, and with session management keeps the session for a while (not measured:
-// still held when the finished notification arrives, released later); a stop reported while
-// paused waits for the resume; a queue left playing out by an ended sentence ends no other one.
-// The fixture's player is not subscribed to the session: the end of an interruption is handed to
-// it directly.
+// for an interruption holds the producer until it ends; a stop of the queue ends the sentence, and
+// with session management keeps the session for a while (still held when the finished
+// notification arrives, released later); a stop reported while paused waits for the resume; a
+// queue left playing out by an ended sentence ends no other one. The fixture's player is not
+// subscribed to the session: the end of an interruption is handed to it directly.
 #include <future>
 
-#include "Audio/Platform/Application.h"
 #include "Audio/Platform/Dispatch.h"
 #include "Audio/Platform/NotificationCenter.h"
 #include "unit/PlayerTestFixture.h"
@@ -22,73 +19,30 @@ constexpr size_t kBuffer = AudioBufPlayer::kBufferByteSize;
 constexpr uint16_t kPlaying = AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUEUE_STARTED;
 [[nodiscard]] bool postedWorkDone() { return dispatch_wait_until_idle(fake::kWaitTimeout.count()); }
 
-constexpr uint16_t kHeld = AudioBufPlayer::PS_QUEUE_PAUSED | AudioBufPlayer::PS_INTERRUPTED;
+TEST_F(PlayerTest, StartRefusedForAnInterruptionHoldsTheProducerUntilItEnds) {
+  ASSERT_TRUE(fake::beginInterruption());
+  CapturedLog log;
+  auto producer = std::async(std::launch::async, [&] { return play(testBytes(2 * kBuffer), kPCM16K); });
+  const StopOnExit stopOnFailure(*player);
+  ASSERT_TRUE(delegate->waitFor("PlayerWasPaused"));
+  EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUEUE_PAUSED | AudioBufPlayer::PS_INTERRUPTED);
+  EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 1u);
+  EXPECT_EQ(producer.wait_for(0s), std::future_status::timeout);
 
-TEST_F(PlayerTest, StartRefusedForInterruptionOrBackgroundHoldsTheProducerUntilTheHoldEnds) {
-  struct Case {
-    const char* refusal;
-    OSStatus status;
-    std::function<void(bool)> hold;
-    const char* why;
-    AudioBufPlayerPauseSource source;
-    std::function<void(AudioBufPlayer&)> endHold;
-  };
-  const Case cases[] = {
-      {"!int", kAudioSessionErr_Interrupted,
-       [](bool held) { ASSERT_TRUE(held ? fake::beginInterruption() : fake::endInterruption()); },
-       "Can't switch sentence while audio is in interrupt!", AudioBufPlayerPauseSource_INTERRUPT,
-       [](AudioBufPlayer& p) {
-         p.audioSessionInterrupted(
-             Notification{AVAudioSessionInterruptionNotification,
-                          std::map<std::string, int64_t>{{AVAudioSessionInterruptionTypeKey, 0}}});
-       }},
-      {"!pla", kAudioSessionErr_InBackground, [](bool held) { Application::sharedApplication().setInBackground(held); },
-       "Can't begin playback while in background!", AudioBufPlayerPauseSource_BACKGROUND,
-       [](AudioBufPlayer& p) { p.resume(); }},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.refusal);
-    startOver();
-    c.hold(true);
-    CapturedLog log;
-    auto producer = std::async(std::launch::async, [&] { return play(testBytes(2 * kBuffer), kPCM16K); });
-    const StopOnExit stopOnFailure(*player);
-    ASSERT_TRUE(delegate->waitFor("PlayerWasPaused"));
-    EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE | kHeld);
-    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 1u);
-    EXPECT_EQ(producer.wait_for(0s), std::future_status::timeout);
-
-    c.hold(false);
-    c.endHold(*player);
-    ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-    EXPECT_EQ(peer().status(), kPlaying);
-    EXPECT_EQ(fake::calls("AudioQueueStart"), (Lines{"AudioQueueStart q=1 -> " + std::string(c.refusal),
-                                                     "AudioQueueStart q=1", "AudioQueueStart q=1"}));
-    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 2u);
-    const std::string status = std::to_string(c.status);
-    EXPECT_EQ(log.countLines("AudioQueue start errored error: " + status + " (" + c.refusal + ")"), 1u);
-    EXPECT_EQ(log.countLines(c.why), 1u);
-    const std::vector<DelegateEvent> events = deliveredEvents();
-    const std::vector<DelegateEvent> paused = eventsNamed(events, "PlayerWasPaused");
-    ASSERT_EQ(paused.size(), 1u);
-    EXPECT_EQ(paused[0].source, c.source);
-    EXPECT_EQ(eventsNamed(events, "PlayerError").size(), 0u);
-  }
-}
-
-TEST_F(PlayerTest, OtherStartFailureIsReportedAndTheNextEnqueueStartsAgain) {
-  fake::failCall("AudioQueueStart", kAudioQueueErr_DeviceFailed);
-  ASSERT_EQ(play(testBytes(2 * kBuffer), kPCM16K), AudioBufPlayerError_OK);
-  EXPECT_EQ(callsWith({"AudioQueueEnqueueBuffer", "AudioQueueStart"}),
-            (Lines{"AudioQueueEnqueueBuffer q=1 buf=1 bytes=5120 packets=0", "AudioQueueStart q=1 -> qdev",
-                   "AudioQueueEnqueueBuffer q=1 buf=2 bytes=5120 packets=0", "AudioQueueStart q=1"}));
+  ASSERT_TRUE(fake::endInterruption());
+  player->audioSessionInterrupted(Notification{
+      AVAudioSessionInterruptionNotification, std::map<std::string, int64_t>{{AVAudioSessionInterruptionTypeKey, 0}}});
+  ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
   EXPECT_EQ(peer().status(), kPlaying);
-  EXPECT_EQ(player->audioSessionSetCount(), 1) << "the failed start's session use was not closed";
-  const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].error, AudioBufPlayerError_START_PLAYBACK_FAILED);
-  EXPECT_EQ(errors[0].description,
-            "AudioQueueStart returned error " + std::to_string(kAudioQueueErr_DeviceFailed) + " (qdev)");
+  EXPECT_EQ(fake::calls("AudioQueueStart"),
+            (Lines{"AudioQueueStart q=1 -> !int", "AudioQueueStart q=1", "AudioQueueStart q=1"}));
+  EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 2u);
+  EXPECT_EQ(log.countLines("Can't switch sentence while audio is in interrupt!"), 1u);
+  const std::vector<DelegateEvent> events = deliveredEvents();
+  const std::vector<DelegateEvent> paused = eventsNamed(events, "PlayerWasPaused");
+  ASSERT_EQ(paused.size(), 1u);
+  EXPECT_EQ(paused[0].source, AudioBufPlayerPauseSource_INTERRUPT);
+  EXPECT_TRUE(eventsNamed(events, "PlayerError").empty());
 }
 
 TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHoldIsReleased) {
