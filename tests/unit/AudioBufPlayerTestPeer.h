@@ -29,17 +29,14 @@ class AudioBufPlayerTestPeer {
   void notifyResumed() { p_.NotifyDelegate_speechPlayerDidResumed(); }
   void notifyFinished() { p_.NotifyDelegate_speechPlayerDidFinished(); }
 
-  // Whether the player's queue is one the request under way opened: an MP3 sentence keeps the
-  // previous sentence's queue until its own format is known.
+  // An MP3 sentence keeps the previous sentence's queue until its own format is known.
   bool queueIsOfRequestUnderWay() {
     std::lock_guard lock(p_.playerStatusMutex);
     return p_.isQueueOfRequestUnderWay(p_.audioQueue);
   }
 
   AudioQueueRef audioQueue() const { return p_.audioQueue; }
-  AudioFileStreamID audioFileStream() const { return p_.audioFileStream; }
   std::array<bool, AudioBufPlayer::kNumberOfBuffers> freeBuffers() const { return p_.FreeAudioQueueBuffers; }
-  std::array<AudioQueueBufferRef, AudioBufPlayer::kNumberOfBuffers> buffers() const { return p_.audioQueueBuffer; }
   uint64_t receivedSamples() const { return p_.receivedSamples.load(); }
   double sampleRate() const { return p_._sampleRate.load(); }
   // As a format found mid-sentence does, before the queue for it replaces the current one.

@@ -21,10 +21,8 @@ TEST_F(PlayerTest, FailedAllocationOfSlot5KeepsSlots0To4AndOpensAnyway) {
   EXPECT_EQ(fake::countCalls("AudioQueueAllocateBuffer"), 6u);
   EXPECT_EQ(fake::countCalls("AudioQueueAddPropertyListener q=1 prop=aqrn"), 1u);
   const auto free = peer().freeBuffers();
-  const auto buffers = peer().buffers();
   for (size_t slot = 0; slot < AudioBufPlayer::kNumberOfBuffers; ++slot) {
     EXPECT_EQ(free[slot], slot < 5) << "slot " << slot;
-    EXPECT_EQ(buffers[slot] != nullptr, slot < 5) << "slot " << slot;
   }
   const std::vector<DelegateEvent> events = deliveredEvents();
   ASSERT_EQ(events.size(), 1u);

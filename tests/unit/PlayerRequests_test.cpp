@@ -39,7 +39,7 @@ TEST_F(PlayerRequests, AppendAfterTheRunOutPointIsRefusedAndTheSentenceEndsWithW
   fake::Queue queue = fake::lastQueue();
   queue.setSampleTime(6400);  // 0.8 s played: less than 0.25 s left
   ASSERT_TRUE(queue.playBack());
-  ASSERT_EQ(delegate->count("aboutToEnd"), 1u);
+  ASSERT_TRUE(delegate->waitFor("aboutToEnd"));
   EXPECT_EQ(append(testBytes(8000, 1), kPCM8K), AudioBufPlayerError_SWITCH_FORMAT);
   while (queue.playBack()) {
   }
