@@ -209,9 +209,6 @@ OSStatus AudioQueueAddPropertyListener(AudioQueueRef inAQ, AudioQueuePropertyID 
   return noErr;
 }
 
-OSStatus AudioQueueSetParameter(AudioQueueRef inAQ, AudioQueueParameterID, AudioQueueParameterValue inValue) {
-  QueueCall call(inAQ);
-  if (OSStatus status = call.record("AudioQueueSetParameter")) return status;
-  call.queue->state.volume = inValue;
-  return noErr;
+OSStatus AudioQueueSetParameter(AudioQueueRef inAQ, AudioQueueParameterID, AudioQueueParameterValue) {
+  return QueueCall(inAQ).record("AudioQueueSetParameter");
 }

@@ -16,7 +16,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -69,7 +68,6 @@ struct QueueState {
   bool paused = false;
   bool disposed = false;
   bool running = false;
-  std::optional<float> volume;
   double sampleTime = 0.0;
 
   size_t waitingBuffers() const;                  // enqueued, not yet played back

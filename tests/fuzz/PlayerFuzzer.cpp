@@ -1,27 +1,22 @@
-// Drives the whole player on the fake platform from arbitrary bytes. The input chooses the
-// sentence's format, the chunks a client thread feeds (playData or appendAudioData, now and then
-// in another format, empty, odd-sized), and what the main thread does meanwhile: pause, resume,
-// stop, start, volume, and the "sound device" playing queued buffers back. MP3 goes through the
-// real stream parser behind the fake's parser handles, so the player meets real frames, tags and
-// junk. At the end the user resumes and the device plays everything out; the fuzzer aborts when
-// the client stays blocked, when a result is outside what the call may return, or when a sentence
-// with queued audio does not end with PlaybackFinished or an error.
-//
-// Not checked here: that the audio heard equals the audio fed (the end-to-end tests do that on the
-// real output queue), and timing, which the fake does not model.
+// Drives the whole player on the fake platform from arbitrary bytes: the chunks a client thread
+// feeds (now and then in another format, empty, odd-sized) and the user's and the sound device's
+// calls meanwhile. MP3 goes through the real stream parser behind the fake's parser handles. At the
+// end the device plays everything out; the fuzzer aborts when the client stays blocked, when a call
+// returns what it may not, or when a sentence with queued audio does not end. That the audio heard
+// equals the audio fed is the end-to-end tests' business.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Audio/Platform/Dispatch.h"
 #include "Audio/Platform/StreamParser/Mp3StreamParser.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
@@ -44,8 +39,7 @@ void check(bool condition, const char* what) {
   std::abort();
 }
 
-// The real parser behind one fake parser handle: its reports go out through the fake's context,
-// with the format the fake answers to AudioFileStreamGetProperty kept equal to the real one.
+// The real parser behind one fake parser handle; the fake answers its format to the player.
 class RealParser {
  public:
   explicit RealParser(AudioFileStreamID handle) : parser_(handle, this, onProperty, onPackets) {}
@@ -80,41 +74,22 @@ void useRealParsers() {
   });
 }
 
-// Counts the ends of sentences and lets the main thread wait for the next one.
+// Counts the ends of sentences.
 class EndsDelegate : public AudioBufPlayerDelegate {
  public:
   void playerWillStartPlayback(AudioBufPlayer*) override {}
   void updatedTotalLength(double, AudioBufPlayer*) override {}
   void playProgressChanged(double, AudioBufPlayer*) override {}
   void aboutToEnd(AudioBufPlayer*) override {}
-  void PlaybackFinished(AudioBufPlayer*) override { count(); }
-  void PlayerError(AudioBufPlayerError, AudioBufPlayer*, const std::string&) override { count(); }
+  void PlaybackFinished(AudioBufPlayer*) override { ++ends; }
+  void PlayerError(AudioBufPlayerError, AudioBufPlayer*, const std::string&) override { ++ends; }
   void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer*) override {}
   void PlayerWasResumed(AudioBufPlayer*) override {}
 
-  size_t ends() const {
-    std::lock_guard lock(mutex_);
-    return ends_;
-  }
-  bool waitForEndsBeyond(size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kHangDeadline, [&] { return ends_ > count; });
-  }
-
- private:
-  void count() {
-    std::lock_guard lock(mutex_);
-    ++ends_;
-    changed_.notify_all();
-  }
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  size_t ends_ = 0;  // guarded by mutex_
+  std::atomic<size_t> ends{0};
 };
 
-// The sound device: plays the current queue's oldest buffer back, its clock standing at the end of
-// that buffer, so that the player's progress poll sees where playback is. Returns whether a buffer
-// was played back.
+// Plays the current queue's oldest buffer back, the clock at its end for the progress poll.
 class Device {
  public:
   bool playOne() {
@@ -137,7 +112,6 @@ class Device {
   double frames_ = 0.0;
 };
 
-// What the main thread can do while the client feeds: the user's calls and the sound device's.
 using Control = void (*)(AudioBufPlayer& player, Device& device, uint8_t argument);
 constexpr Control kControls[] = {
     [](AudioBufPlayer& player, Device&, uint8_t) { player.pause(); },
@@ -206,8 +180,8 @@ bool mayReturn(const Feed& feed, AudioBufPlayerError result) {
   }
 }
 
-// Plays the last sentence out. A sentence that never queued audio (MP3 in which no frame was
-// found yet, or only a Xing/Info frame) has nothing that could end it and is left alone.
+// Plays the last sentence out. A sentence that never queued audio (MP3 without a frame so far) has
+// nothing that could end it and is left alone.
 void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
   AudioBufPlayerTestPeer peer(player);
   const auto deadline = std::chrono::steady_clock::now() + kHangDeadline;
@@ -224,9 +198,11 @@ void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
     // opened a queue of its own yet keeps it, and only its own queue can end it.
     if (!peer.queueIsOfRequestUnderWay()) return;
     check(draining, "every buffer played back but the queue was not stopped");
-    const size_t ends = delegate.ends();
+    const size_t ends = delegate.ends;
     check(queue.reportRunning(false), "the running-state listener did not return");
-    check(delegate.waitForEndsBeyond(ends), "a stopped queue did not end the sentence");
+    // The end is posted: it has arrived once the work queues are idle.
+    check(dispatch_wait_until_idle(kHangDeadline.count()) && delegate.ends > ends,
+          "a stopped queue did not end the sentence");
     return;
   }
 }

@@ -18,8 +18,7 @@
 #include "unit/AudioBufPlayerTestPeer.h"
 #include "unit/RecordingDelegate.h"
 
-// count bytes that differ from their neighbours, so that a byte out of place shows; seed tells
-// two chunks apart.
+// Bytes that differ from their neighbours, so that a byte out of place shows.
 inline std::vector<uint8_t> testBytes(size_t count, uint8_t seed = 0) {
   std::vector<uint8_t> bytes(count);
   for (size_t i = 0; i < count; ++i) bytes[i] = uint8_t(seed + i % 251);
@@ -79,13 +78,11 @@ class StopOnExit {
   AudioBufPlayer& player_;
 };
 
-// The session activation count belongs to the process: closes the uses that earlier tests left
-// open, without touching the session, so that a test sees the first use activate it.
+// The session activation count belongs to the process: a test sees the first use activate it.
 inline void endSessionUsesLeftOpen() {
   while (AudioBufPlayerTestPeer::sessionUsageCount() > 0) AudioBufPlayer::SetAudioSessionActivationStatus(false, false);
 }
 
-// The fake's log lines that contain any of texts, in call order.
 inline std::vector<std::string> callsWith(std::initializer_list<std::string_view> texts) {
   std::vector<std::string> lines = fake::calls();
   std::erase_if(lines, [&](const std::string& line) {
@@ -113,7 +110,6 @@ class PlayerTest : public testing::Test {
     player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, false);
     player->start();
   }
-  // For table-driven tests: each case on a new player and delegate, in a reset fake.
   void startOver() {
     player.reset();
     SetUp();
@@ -128,9 +124,7 @@ class PlayerTest : public testing::Test {
     return player->appendAudioData(data, format, delegate, 0.0);
   }
 
-  // The delegate's events once every notification posted to it has been delivered: a posted
-  // notification holds the delegate, so its last reference goes with the last of them. The
-  // delegate is gone afterwards.
+  // A posted notification holds the delegate: its last reference goes with the last of them.
   std::vector<DelegateEvent> deliveredEvents() {
     delegate.reset();
     if (delivered_.wait_for(RecordingDelegate::kWaitTimeout) != std::future_status::ready) {
