@@ -65,11 +65,11 @@ OSStatus ParseContext::parseByDefault() {
 namespace {
 
 // One call on a parser: records "function s=N" unless the handle is unknown; a closed parser refuses.
-OSStatus recordParserCall(fake::World& world, const char* function, AudioFileStreamID handle, OSStatus refusal,
+OSStatus recordParserCall(fake::World& world, const char* function, AudioFileStreamID handle,
                           std::shared_ptr<fake::FakeParser>& parser) {
   parser = fake::World::find(world.parsers, handle);
   if (!parser) return kAudioFileStreamError_InvalidStream;
-  if (parser->closed) refusal = kAudioFileStreamError_InvalidStream;
+  const OSStatus refusal = parser->closed ? kAudioFileStreamError_InvalidStream : noErr;
   return world.record(function, function + (" s=" + std::to_string(parser->id)), refusal);
 }
 
@@ -99,7 +99,7 @@ OSStatus AudioFileStreamParseBytes(AudioFileStreamID inAudioFileStream, uint32_t
   fake::ParserBehaviour behaviour;
   {
     std::lock_guard lock(world->mutex);
-    if (OSStatus status = recordParserCall(*world, "AudioFileStreamParseBytes", inAudioFileStream, noErr, parser)) {
+    if (OSStatus status = recordParserCall(*world, "AudioFileStreamParseBytes", inAudioFileStream, parser)) {
       return status;
     }
     behaviour = world->behaviour;
@@ -115,7 +115,7 @@ OSStatus AudioFileStreamGetProperty(AudioFileStreamID inAudioFileStream, AudioFi
   const auto world = fake::world();
   std::lock_guard lock(world->mutex);
   std::shared_ptr<fake::FakeParser> parser;
-  if (OSStatus status = recordParserCall(*world, "AudioFileStreamGetProperty", inAudioFileStream, noErr, parser)) {
+  if (OSStatus status = recordParserCall(*world, "AudioFileStreamGetProperty", inAudioFileStream, parser)) {
     return status;
   }
   *static_cast<AudioStreamBasicDescription*>(outPropertyData) = world->dataFormat;
@@ -126,9 +126,7 @@ OSStatus AudioFileStreamClose(AudioFileStreamID inAudioFileStream) {
   const auto world = fake::world();
   std::lock_guard lock(world->mutex);
   std::shared_ptr<fake::FakeParser> parser;
-  if (OSStatus status = recordParserCall(*world, "AudioFileStreamClose", inAudioFileStream, noErr, parser)) {
-    return status;
-  }
+  if (OSStatus status = recordParserCall(*world, "AudioFileStreamClose", inAudioFileStream, parser)) return status;
   parser->closed = true;
   return noErr;
 }

@@ -25,7 +25,8 @@ TEST_F(PlayerTest, StartRefusedForAnInterruptionHoldsTheProducerUntilItEnds) {
   auto producer = std::async(std::launch::async, [&] { return play(testBytes(2 * kBuffer), kPCM16K); });
   const StopOnExit stopOnFailure(*player);
   ASSERT_TRUE(delegate->waitFor("PlayerWasPaused"));
-  EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUEUE_PAUSED | AudioBufPlayer::PS_INTERRUPTED);
+  constexpr uint16_t kHeld = AudioBufPlayer::PS_QUEUE_PAUSED | AudioBufPlayer::PS_INTERRUPTED;
+  EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE | kHeld);
   EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 1u);
   EXPECT_EQ(producer.wait_for(0s), std::future_status::timeout);
 
