@@ -1,7 +1,5 @@
 // Restarting the queue after a pause: a refused or failed restart, and the session's interruptions
-// of a managing player during play, during a client's pause and with no request. That nothing
-// follows a notification is checked once the session has delivered it, which is all the handler's
-// work.
+// of a managing player during play, during a client's pause and with no request.
 #include "Audio/Platform/Application.h"
 #include "unit/PlayerTestFixture.h"
 

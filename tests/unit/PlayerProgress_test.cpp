@@ -1,11 +1,7 @@
-// Plan: the progress poll after each played buffer. The run-out edge against 2.0 s received (1.75 s
-// reports only; 1.7501 s stops the queue after what it holds, sets PS_ENDING and announces the end
-// before the progress, and again at every later poll), at the rate of the polled queue's own
-// stream (also while a new format's rate is stored and its queue not yet open), with the offset
-// added to reported positions only, counted on from where a new queue took over; a failing time
-// query or a poll without a request reports nothing.
-// Not here: how the received length is counted (packing tests) and what the queue's stop leads to
-// (playback tests). Polls run on the thread that plays a buffer back.
+// The progress poll after each played buffer: the run-out edge a quarter second before the end of
+// the received audio, the rate of the polled queue's own stream, the offset, a new queue's
+// position; a failing time query or a poll without a request reports nothing. Polls run on the
+// thread that plays a buffer back.
 #include "unit/PlayerTestFixture.h"
 
 namespace {
