@@ -1,6 +1,6 @@
-// What playData and appendAudioData return and change: refusals before start; an append to an idle
-// player that starts the request; appends refused after the run-out point while the sentence plays
-// on; empty first chunks; a first chunk dropped during a request.
+// What playData and appendAudioData return and change: refusals before start and for unsupported
+// formats; an append to an idle player that starts the request; appends refused after the run-out
+// point while the sentence plays on; empty first chunks; a first chunk dropped during a request.
 #include <thread>
 
 #include "unit/PlayerTestFixture.h"
@@ -20,6 +20,22 @@ TEST_F(PlayerRequests, NewPlayerRefusesBothRequestsUntilStarted) {
   EXPECT_TRUE(delegate->events().empty());
   fresh->start();
   EXPECT_EQ(fresh->playData(testBytes(100), kPCM8K, delegate, 0.0), AudioBufPlayerError_OK);
+}
+
+TEST_F(PlayerRequests, UnsupportedFormatsAreRefusedSilentlyAndRememberedAsTheCurrentOne) {
+  using namespace QEN_TTS::Audio;
+  for (const Format format : {EAudioPlayerAudioFormat_WAV, EAudioPlayerAudioFormat_ALAW}) {
+    for (const bool appending : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "format " << format << (appending ? " appended" : " played"));
+      startOver();
+      EXPECT_EQ(appending ? append(testBytes(100), format) : play(testBytes(100), format),
+                AudioBufPlayerError_UNSUPPORTED_FORMAT);
+      EXPECT_EQ(peer().status(), 0);
+      EXPECT_EQ(peer().currentFormat(), format);
+      EXPECT_TRUE(fake::calls().empty());
+      EXPECT_TRUE(deliveredEvents().empty());
+    }
+  }
 }
 
 TEST_F(PlayerRequests, AppendToAnIdlePlayerStartsTheRequestWithItsOwnDelegateAndOffset) {
