@@ -1,5 +1,6 @@
 // Restarting the queue after a pause: a refused or failed restart, and the session's interruptions
-// of a managing player during play, during a client's pause and with no request.
+// of a managing player during a client's pause and with no request (the plain interruption is the
+// end-to-end hold test's).
 #include "Audio/Platform/Application.h"
 #include "unit/PlayerTestFixture.h"
 
@@ -74,18 +75,6 @@ class InterruptionTest : public PlayerTest {
     return result;
   }
 };
-
-TEST_F(InterruptionTest, InterruptionPausesTheSentenceAndItsEndResumesIt) {
-  ASSERT_TRUE(fake::beginInterruption());
-  EXPECT_EQ(peer().status(), kPlaying | IN | QP);
-  EXPECT_EQ(fake::countCalls("AudioQueuePause q=1"), 1u);
-  ASSERT_TRUE(fake::endInterruption());
-  EXPECT_EQ(peer().status(), kPlaying);
-  EXPECT_EQ(fake::countCalls("AudioQueueStart q=1"), 2u);
-  const std::vector<DelegateEvent> events = deliveredEvents();
-  EXPECT_EQ(sources(events), std::vector{AudioBufPlayerPauseSource_INTERRUPT});
-  EXPECT_EQ(eventsNamed(events, "PlayerWasResumed").size(), 1u);
-}
 
 TEST_F(InterruptionTest, InterruptionDuringTheClientsPauseLeavesTheRestartToResume) {
   player->pause();

@@ -1,7 +1,7 @@
 // Opening a sentence's stream: the parser's lifetime (closed by the next MP3 opening or the player's
 // end, its handle kept by PCM sentences); a parser that cannot be opened. The MP3 format on "redy":
-// a failed read, a raised exception, a report after the request ended, and a second report that
-// reopens the queue.
+// a read that fails or raises, a report after the request ended, and a second report that reopens
+// the queue.
 #include "Audio/Platform/PlatformException.h"
 #include "unit/PlayerTestFixture.h"
 
@@ -45,46 +45,49 @@ TEST_F(PlayerStream, ParserThatCannotBeOpenedFailsTheRequestWithoutAReport) {
   EXPECT_TRUE(eventsNamed(deliveredEvents(), "PlayerError").empty());
 }
 
-TEST_F(PlayerStream, FailedFormatReadEndsTheSentenceOnceAndLaterReportsAreIgnored) {
-  ASSERT_EQ(play(testBytes(100), kPCM8K), AudioBufPlayerError_OK);  // counters of a previous sentence
-  player->stop();
-  player->start();
-  fake::failCall("AudioFileStreamGetProperty", kAudioFileStreamError_DataUnavailable);
-  fake::setParserBehaviour([](fake::ParseContext& parse) {
-    parse.reportProperty(kAudioFileStreamProperty_ReadyToProducePackets);  // fails: the request ends
-    parse.reportProperty(kAudioFileStreamProperty_ReadyToProducePackets);  // no request any more
-    parse.deliverPackets(parse.bytes(), std::vector<AudioStreamPacketDescription>{{0, 0, 418}});
-    return noErr;
-  });
-  CapturedLog log;
-  EXPECT_EQ(play(testBytes(418), kMP3), AudioBufPlayerError_OK) << "the parser itself did not fail";
+TEST_F(PlayerStream, FormatThatCannotBeReadEndsTheSentenceOnceAndLaterReportsAreIgnored) {
+  struct Case {
+    const char* what;
+    std::function<void()> fail;
+    std::string logged;
+    AudioBufPlayerError error;
+    std::string description;
+  };
+  const Case cases[] = {
+      {"read fails", [] { fake::failCall("AudioFileStreamGetProperty", kAudioFileStreamError_DataUnavailable); },
+       "]Err at -[AudioBufPlayer AudioPropertyFoundForStream:propertyID:Flags:] ",
+       AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES, parseError(kAudioFileStreamError_DataUnavailable, "more")},
+      {"read raises", [] { fake::raiseOnCall("AudioFileStreamGetProperty", PlatformException("no format today")); },
+       " Audio init exception: no format today\n", AudioBufPlayerError_FAILED_OPEN_DEVICE,
+       "Exception while init audio: no format today"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    startOver();
+    ASSERT_EQ(play(testBytes(100), kPCM8K), AudioBufPlayerError_OK);  // counters of a previous sentence
+    player->stop();
+    player->start();
+    c.fail();
+    fake::setParserBehaviour([](fake::ParseContext& parse) {
+      parse.reportProperty(kAudioFileStreamProperty_ReadyToProducePackets);  // fails: the request ends
+      parse.reportProperty(kAudioFileStreamProperty_ReadyToProducePackets);  // no request any more
+      parse.deliverPackets(parse.bytes(), std::vector<AudioStreamPacketDescription>{{0, 0, 418}});
+      return noErr;
+    });
+    CapturedLog log;
+    EXPECT_EQ(play(testBytes(418), kMP3), AudioBufPlayerError_OK) << "the parser itself did not fail";
 
-  EXPECT_EQ(log.count("]found property 'redy'"), 1u);
-  EXPECT_EQ(log.count("]Err at -[AudioBufPlayer AudioPropertyFoundForStream:propertyID:Flags:] "), 1u);
-  EXPECT_EQ(fake::countCalls("AudioFileStreamGetProperty"), 1u);
-  EXPECT_EQ(peer().samplesPerPacket(), 1u);
-  EXPECT_EQ(peer().sampleRate(), 8000.0);
-  EXPECT_EQ(peer().receivedSamples(), 0u);
-  EXPECT_EQ(peer().status(), 0);
-  const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].error, AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES);
-  EXPECT_EQ(errors[0].description, parseError(kAudioFileStreamError_DataUnavailable, "more"));
-}
-
-TEST_F(PlayerStream, ExceptionWhileReadingTheFormatEndsTheSentenceWithFailedOpenDevice) {
-  fake::raiseOnCall("AudioFileStreamGetProperty", PlatformException("no format today"));
-  CapturedLog log;
-  EXPECT_EQ(play(testBytes(1000), kMP3), AudioBufPlayerError_OK);
-
-  EXPECT_EQ(log.count(" Audio init exception: no format today\n"), 1u);
-  EXPECT_EQ(peer().status(), 0);
-  EXPECT_EQ(peer().audioQueue(), nullptr);
-  EXPECT_EQ(peer().receivedSamples(), 0u);
-  const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].error, AudioBufPlayerError_FAILED_OPEN_DEVICE);
-  EXPECT_EQ(errors[0].description, "Exception while init audio: no format today");
+    EXPECT_EQ(log.count(c.logged), 1u);
+    EXPECT_EQ(fake::countCalls("AudioFileStreamGetProperty"), 1u);
+    EXPECT_EQ(peer().samplesPerPacket(), 1u);
+    EXPECT_EQ(peer().sampleRate(), 8000.0);
+    EXPECT_EQ(peer().receivedSamples(), 0u);
+    EXPECT_EQ(peer().status(), 0);
+    const std::vector<DelegateEvent> errors = eventsNamed(deliveredEvents(), "PlayerError");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].error, c.error);
+    EXPECT_EQ(errors[0].description, c.description);
+  }
 }
 
 TEST_F(PlayerStream, SecondReadyReportReopensTheQueueWithTheNewFormat) {
