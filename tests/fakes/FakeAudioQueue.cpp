@@ -133,17 +133,7 @@ OSStatus AudioQueueAllocateBuffer(AudioQueueRef inAQ, uint32_t inBufferByteSize,
 OSStatus AudioQueueEnqueueBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer, uint32_t inNumPacketDescs,
                                  const AudioStreamPacketDescription* inPacketDescs) {
   QueueCall call(inAQ);
-  if (!call.queue || call.queue->state.disposed) return call.record("AudioQueueEnqueueBuffer");
-  const auto& buffers = call.queue->buffers;
-  const auto own =
-      std::find_if(buffers.begin(), buffers.end(), [&](const auto& buffer) { return buffer.get() == inBuffer; });
-  const std::string details = own == buffers.end() ? " buf=?"
-                                                   : " buf=" + std::to_string(own - buffers.begin() + 1) +
-                                                         " bytes=" + std::to_string(inBuffer->mAudioDataByteSize);
-  if (OSStatus status =
-          call.record("AudioQueueEnqueueBuffer", details + " packets=" + std::to_string(inNumPacketDescs))) {
-    return status;
-  }
+  if (OSStatus status = call.record("AudioQueueEnqueueBuffer")) return status;
   const auto* bytes = static_cast<const uint8_t*>(inBuffer->mAudioData);
   call.queue->state.enqueued.push_back(fake::EnqueuedBuffer{
       inBuffer, std::vector<uint8_t>(bytes, bytes + inBuffer->mAudioDataByteSize), inNumPacketDescs,
@@ -199,11 +189,10 @@ OSStatus AudioQueueGetProperty(AudioQueueRef inAQ, AudioQueuePropertyID, void* o
   return noErr;
 }
 
-OSStatus AudioQueueAddPropertyListener(AudioQueueRef inAQ, AudioQueuePropertyID inID,
+OSStatus AudioQueueAddPropertyListener(AudioQueueRef inAQ, AudioQueuePropertyID,
                                        AudioQueuePropertyListenerProc inProc, void* inUserData) {
   QueueCall call(inAQ);
-  const std::string property = " prop=" + std::string(FourCCText(int32_t(inID)).data());
-  if (OSStatus status = call.record("AudioQueueAddPropertyListener", property)) return status;
+  if (OSStatus status = call.record("AudioQueueAddPropertyListener")) return status;
   call.queue->listener = inProc;
   call.queue->listenerData = inUserData;
   return noErr;

@@ -5,9 +5,8 @@
 // on the test's command, on the commanding thread, so a test decides when the player hears from
 // its queue. Waits fail the current test after kWaitTimeout instead of hanging.
 //
-// Log lines: "AudioQueueEnqueueBuffer q=1 buf=3 bytes=5120 packets=0", "setActive 1 options=1",
-// "NSLog <message>"; q=N, s=N and buf=N count the test's queues, parsers and a queue's buffers
-// from 1. A refused call ends in " -> " and its status as four characters, a call that raises in
+// Log lines: "AudioQueueDispose q=1 immediate=1", "setActive 1 options=1", "NSLog <message>"; q=N
+// and s=N count the test's queues and parsers from 1. A refused call ends in " -> " and its status as four characters, a call that raises in
 // " -> raises". A previous test's handles are refused without a line.
 #pragma once
 
@@ -131,9 +130,7 @@ void setParserBehaviour(ParserBehaviour behaviour);
 
 // AudioQueueStart is refused with "!int" while the session is interrupted and with "!pla" while the
 // application is in the background. These return once every session handler has returned.
-
 [[nodiscard]] bool beginInterruption();
 [[nodiscard]] bool endInterruption();
-[[nodiscard]] bool waitForSessionNotifications();
 
 }  // namespace fake

@@ -37,6 +37,12 @@ bool awaitTask(const std::function<void(std::function<void()>)>& post, std::stri
   return false;
 }
 
+bool waitForSessionNotifications() {
+  const auto world = fake::world();
+  return awaitTask([&](std::function<void()> task) { world->session.afterPostedNotifications(std::move(task)); },
+                   "the session notifications to be handled");
+}
+
 }  // namespace
 
 std::shared_ptr<World> world() {
@@ -148,12 +154,6 @@ bool beginInterruption() {
 bool endInterruption() {
   world()->session.endInterruption();
   return waitForSessionNotifications();
-}
-
-bool waitForSessionNotifications() {
-  const auto world = fake::world();
-  return awaitTask([&](std::function<void()> task) { world->session.afterPostedNotifications(std::move(task)); },
-                   "the session notifications to be handled");
 }
 
 }  // namespace fake

@@ -19,7 +19,7 @@ TEST_F(PlayerTest, FailedAllocationOfSlot5KeepsSlots0To4AndOpensAnyway) {
   EXPECT_EQ(peer().openAudioQueue(pcm16k()), noErr);
 
   EXPECT_EQ(fake::countCalls("AudioQueueAllocateBuffer"), 6u);
-  EXPECT_EQ(fake::countCalls("AudioQueueAddPropertyListener q=1 prop=aqrn"), 1u);
+  EXPECT_EQ(fake::countCalls("AudioQueueAddPropertyListener q=1"), 1u);
   const auto free = peer().freeBuffers();
   for (size_t slot = 0; slot < AudioBufPlayer::kNumberOfBuffers; ++slot) {
     EXPECT_EQ(free[slot], slot < 5) << "slot " << slot;
