@@ -116,20 +116,6 @@ TEST_F(PlayerSessionTest, OnlyAPlayersFirstUseAndLastReleaseAct) {
   }
 }
 
-TEST_F(PlayerSessionTest, SubscriptionsComeAfterTheActivationAndGoAfterTheRelease) {
-  const auto p = managing("Playback");
-  Peer peer(p);
-  fake::raiseOnCall("setActive", std::runtime_error("refused"));
-  EXPECT_THROW(peer.setOrResetAVSession(false), std::runtime_error);
-  EXPECT_FALSE(peer.isListeningInterruptions()) << "subscribed before the session was activated";
-  peer.setOrResetAVSession(true);
-  peer.setOrResetAVSession(false);
-  ASSERT_TRUE(peer.isListeningInterruptions());
-  fake::raiseOnCall("setActive", std::runtime_error("refused"));
-  EXPECT_THROW(peer.setOrResetAVSession(true), std::runtime_error);
-  EXPECT_TRUE(peer.isListeningInterruptions()) << "unsubscribed before the session was released";
-}
-
 TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUse) {
   struct Case {
     const char* what;
