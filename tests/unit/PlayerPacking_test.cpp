@@ -1,8 +1,7 @@
 // How delivered audio becomes queue buffers: which packets travel together (offsets rewritten into
-// the buffer, the 5120-byte and 512-description limits, the packets refused); the end of the
-// request wakes a producer waiting for a buffer.
+// the buffer, the 5120-byte and 512-description limits, the packets refused). That the end of a
+// request wakes a producer waiting for a buffer is the stress and fault tests' (no hang).
 #include <algorithm>
-#include <future>
 #include <numeric>
 
 #include "unit/PlayerTestFixture.h"
@@ -10,8 +9,6 @@
 namespace {
 
 using PlayerPacking = PlayerTest;
-
-constexpr size_t kBuffer = AudioBufPlayer::kBufferByteSize;
 
 struct Packet {
   int64_t offset;
@@ -89,29 +86,6 @@ TEST_F(PlayerPacking, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd
     EXPECT_EQ(log.count("[ERROR]"), c.errorLines) << log.text();
     // Counting comes before packing: refused packets are counted too.
     EXPECT_EQ(peer().receivedSamples(), c.packets.size() * 576);
-  }
-}
-
-TEST_F(PlayerPacking, EndOfRequestWakesAWaitingProducerWhichEnqueuesNothingMore) {
-  struct Case {
-    const char* end;
-    std::function<void(AudioBufPlayer&)> endRequest;
-  };
-  const Case cases[] = {
-      {"stop", [](AudioBufPlayer& p) { p.stop(); }},
-      {"queue stopped", [](AudioBufPlayer&) { ASSERT_TRUE(fake::lastQueue().reportRunning(false)); }},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.end);
-    startOver();
-    auto producer = std::async(std::launch::async, [&] { return play(testBytes(21 * kBuffer), kPCM16K); });
-    const StopOnExit stopOnFailure(*player);
-    ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", 20));
-    c.endRequest(*player);
-    ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-    EXPECT_EQ(producer.get(), AudioBufPlayerError_OK);
-    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 20u);
-    EXPECT_EQ(peer().status() & AudioBufPlayer::PS_ACTIVE, 0);
   }
 }
 

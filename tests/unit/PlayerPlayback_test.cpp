@@ -1,8 +1,8 @@
 // Starting the queue and following its running state to the sentence's one end. A start refused
-// for an interruption holds the producer until it ends; a stop of the queue ends the sentence, and
-// with session management keeps the session for a while (still held when the finished
-// notification arrives, released later); a stop reported while paused waits for the resume; a
-// queue left playing out by an ended sentence ends no other one. The fixture's player is not
+// for an interruption holds the producer until it ends; a stop of the queue ends the sentence (one
+// reported while paused after the resume, one whose running state cannot be read too), and with
+// session management keeps the session for a while (still held when the finished notification
+// arrives, released later); a queue left playing out by an ended sentence ends no other one. The fixture's player is not
 // subscribed to the session: the end of an interruption is handed to it directly.
 #include <future>
 
@@ -17,7 +17,6 @@ using Lines = std::vector<std::string>;
 
 constexpr size_t kBuffer = AudioBufPlayer::kBufferByteSize;
 constexpr uint16_t kPlaying = AudioBufPlayer::PS_ACTIVE | AudioBufPlayer::PS_QUEUE_STARTED;
-[[nodiscard]] bool postedWorkDone() { return dispatch_wait_until_idle(fake::kWaitTimeout.count()); }
 
 TEST_F(PlayerTest, StartRefusedForAnInterruptionHoldsTheProducerUntilItEnds) {
   ASSERT_TRUE(fake::beginInterruption());
@@ -47,21 +46,38 @@ TEST_F(PlayerTest, StartRefusedForAnInterruptionHoldsTheProducerUntilItEnds) {
 }
 
 TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHoldIsReleased) {
-  for (const bool manage : {true, false}) {
-    SCOPED_TRACE(manage ? "managed" : "not managed");
+  struct Case {
+    const char* what;
+    bool manage;
+    std::function<void(AudioBufPlayer&)> beforeTheReport;
+  };
+  const Case cases[] = {
+      {"managed", true, [](AudioBufPlayer&) {}},
+      {"not managed", false, [](AudioBufPlayer&) {}},
+      {"paused: handled after the resume", false, [](AudioBufPlayer& p) { p.pause(); }},
+      {"running state unreadable", false,
+       [](AudioBufPlayer&) { fake::failCall("AudioQueueGetProperty", kAudioQueueErr_InvalidQueue); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
     startOver();
     endSessionUsesLeftOpen();
-    player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, manage);
+    player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, c.manage);
     player->start();
     ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
+    c.beforeTheReport(*player);
     ASSERT_TRUE(fake::lastQueue().reportRunning(false));
+    if (peer().status() & AudioBufPlayer::PS_USER_PAUSED) {
+      EXPECT_FALSE(fake::lastQueue().state().disposed);
+      player->resume();
+    }
     ASSERT_TRUE(delegate->waitFor("PlaybackFinished"));
 
     EXPECT_EQ(peer().status(), 0);
     EXPECT_EQ(peer().audioQueue(), nullptr);
     EXPECT_EQ(fake::countCalls("AudioQueueDispose q=1 immediate=1"), 1u);
     EXPECT_EQ(player->audioSessionSetCount(), 0);
-    if (manage) {
+    if (c.manage) {
       EXPECT_EQ(AudioBufPlayerTestPeer::sessionUsageCount(), 1) << "no hold taken";
       EXPECT_EQ(fake::calls("setActive"), Lines{"setActive 1 options=1"});
       ASSERT_TRUE(fake::waitForCall("setActive 0 options=1"));
@@ -71,19 +87,6 @@ TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHol
       EXPECT_EQ(fake::calls("setActive"), Lines{});
     }
   }
-}
-
-TEST_F(PlayerTest, QueueStopReportedWhilePausedIsHandledOnlyAfterTheResume) {
-  ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
-  player->pause();
-  auto queue = fake::lastQueue();
-  ASSERT_TRUE(queue.reportRunning(false));
-  EXPECT_FALSE(queue.state().disposed);
-  player->resume();
-  ASSERT_TRUE(delegate->waitFor("PlaybackFinished"));
-  EXPECT_EQ(callsWith({"AudioQueueStart", "AudioQueuePause", "AudioQueueDispose"}),
-            (Lines{"AudioQueueStart q=1", "AudioQueuePause q=1", "AudioQueueStart q=1",
-                   "AudioQueueDispose q=1 immediate=1"}));
 }
 
 TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
@@ -104,7 +107,7 @@ TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
     while (first.playBack()) {
     }
     ASSERT_TRUE(first.reportRunning(false));
-    ASSERT_TRUE(postedWorkDone());
+    ASSERT_TRUE(dispatch_wait_until_idle(fake::kWaitTimeout.count()));
 
     EXPECT_EQ(peer().status(), nextSentence ? AudioBufPlayer::PS_ACTIVE : 0);
     if (nextSentence) {
@@ -115,15 +118,6 @@ TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
     EXPECT_EQ(eventsNamed(events, "playerWillStartPlayback").size(), nextSentence ? 2u : 1u);
     EXPECT_EQ(eventsNamed(events, "PlaybackFinished").size(), 1u);
   }
-}
-
-TEST_F(PlayerTest, StopWhoseRunningStateCannotBeReadStillEndsTheSentence) {
-  ASSERT_EQ(play(testBytes(kBuffer), kPCM16K), AudioBufPlayerError_OK);
-  fake::failCall("AudioQueueGetProperty", kAudioQueueErr_InvalidQueue);
-  ASSERT_TRUE(fake::lastQueue().reportRunning(false));
-  ASSERT_TRUE(postedWorkDone());
-  EXPECT_EQ(peer().status(), 0);
-  EXPECT_EQ(eventsNamed(deliveredEvents(), "PlaybackFinished").size(), 1u);
 }
 
 }  // namespace
