@@ -37,7 +37,7 @@ TEST_F(PlayerTest, StartRefusedForAnInterruptionHoldsTheProducerUntilItEnds) {
   EXPECT_EQ(fake::calls("AudioQueueStart"),
             (Lines{"AudioQueueStart q=1 -> !int", "AudioQueueStart q=1", "AudioQueueStart q=1"}));
   EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 2u);
-  EXPECT_EQ(log.countLines("Can't switch sentence while audio is in interrupt!"), 1u);
+  EXPECT_EQ(log.count("]Can't switch sentence while audio is in interrupt!\n"), 1u);
   const std::vector<DelegateEvent> events = deliveredEvents();
   const std::vector<DelegateEvent> paused = eventsNamed(events, "PlayerWasPaused");
   ASSERT_EQ(paused.size(), 1u);

@@ -1,6 +1,6 @@
 // What playData and appendAudioData return and change: refusals before start and for unsupported
-// formats; an append to an idle player that starts the request; appends refused after the run-out
-// point while the sentence plays on; empty first chunks; a first chunk dropped during a request.
+// formats; an append to an idle player that starts the request; empty first chunks; a first chunk
+// dropped during a request. Appends refused after the run-out point are the end-to-end lead test's.
 #include <thread>
 
 #include "unit/PlayerTestFixture.h"
@@ -45,20 +45,6 @@ TEST_F(PlayerRequests, AppendToAnIdlePlayerStartsTheRequestWithItsOwnDelegateAnd
   EXPECT_EQ(player->reportAudioLenOffset(), 2.5);
   EXPECT_EQ(other->names(), (std::vector<std::string>{"playerWillStartPlayback", "updatedTotalLength"}));
   EXPECT_DOUBLE_EQ(other->events().back().seconds, 3.5);
-}
-
-TEST_F(PlayerRequests, AppendAfterTheRunOutPointIsRefusedAndTheSentenceEndsWithWhatItHad) {
-  ASSERT_EQ(play(testBytes(16000), kPCM8K), AudioBufPlayerError_OK);  // 1.0 s in four buffers
-  fake::Queue queue = fake::lastQueue();
-  queue.setSampleTime(6400);  // 0.8 s played: less than 0.25 s left
-  ASSERT_TRUE(queue.playBack());
-  ASSERT_TRUE(delegate->waitFor("aboutToEnd"));
-  EXPECT_EQ(append(testBytes(8000, 1), kPCM8K), AudioBufPlayerError_SWITCH_FORMAT);
-  while (queue.playBack()) {
-  }
-  ASSERT_TRUE(queue.reportRunning(false));
-  ASSERT_TRUE(delegate->waitFor("PlaybackFinished"));
-  EXPECT_EQ(queue.state().allEnqueuedBytes(), testBytes(16000));
 }
 
 TEST_F(PlayerRequests, EmptyFirstChunkEndsTheRequestAtOnceOnTheCallersThread) {

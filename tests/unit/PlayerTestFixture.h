@@ -57,7 +57,6 @@ class CapturedLog {
     for (size_t at = text().find(needle); at != std::string::npos; at = text_.find(needle, at + 1)) ++n;
     return n;
   }
-  size_t countLines(std::string_view message) { return count("]" + std::string(message) + "\n"); }
 
  private:
   const int savedLevel_;
