@@ -6,8 +6,9 @@
 // its queue. Waits fail the current test after kWaitTimeout instead of hanging.
 //
 // Log lines: "AudioQueueDispose q=1 immediate=1", "setActive 1 options=1", "NSLog <message>"; q=N
-// and s=N count the test's queues and parsers from 1. A refused call ends in " -> " and its status as four characters, a call that raises in
-// " -> raises". A previous test's handles are refused without a line.
+// and s=N count the test's queues and parsers from 1. A refused call ends in " -> " and its status
+// as four characters, a call that raises in " -> raises". A previous test's handles are refused
+// without a line.
 #pragma once
 
 #include <chrono>
@@ -37,7 +38,6 @@ size_t countCalls(std::string_view text);
 void clearCalls();
 
 [[nodiscard]] bool waitForCall(std::string_view text);
-[[nodiscard]] bool waitForCalls(std::string_view text, size_t count);
 // The remote-control registrations run on the main work queue.
 [[nodiscard]] bool waitForMainQueue();
 

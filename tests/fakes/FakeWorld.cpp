@@ -126,12 +126,9 @@ void clearCalls() {
   world->log.clear();
 }
 
-bool waitForCall(std::string_view text) { return waitForCalls(text, 1); }
-
-bool waitForCalls(std::string_view text, size_t count) {
+bool waitForCall(std::string_view text) {
   return world()->waitForLog([&](const std::vector<std::string>& lines) {
-    return size_t(std::count_if(lines.begin(), lines.end(), [&](const auto& line) { return contains(line, text); })) >=
-           count;
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) { return contains(line, text); });
   });
 }
 

@@ -10,10 +10,6 @@ AudioStreamBasicDescription pcm16k() {
       16000.0, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2, 1, 2, 1, 16, 0};
 }
 
-std::string failure(const char* call, OSStatus status) {
-  return std::string(call) + " returned error " + std::to_string(status) + " (" + FourCCText(status).data() + ")";
-}
-
 TEST_F(PlayerTest, FailedAllocationOfSlot5KeepsSlots0To4AndOpensAnyway) {
   player->setDelegate(delegate);
   fake::failCall("AudioQueueAllocateBuffer", kAudioQueueErr_OutOfMemory, 6);
@@ -28,7 +24,8 @@ TEST_F(PlayerTest, FailedAllocationOfSlot5KeepsSlots0To4AndOpensAnyway) {
   const std::vector<DelegateEvent> events = deliveredEvents();
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].error, AudioBufPlayerError_ALLOC_FAIL);
-  EXPECT_EQ(events[0].description, failure("AudioQueueAllocateBuffer", kAudioQueueErr_OutOfMemory));
+  EXPECT_EQ(events[0].description,
+            "AudioQueueAllocateBuffer returned error " + std::to_string(kAudioQueueErr_OutOfMemory) + " (qmem)");
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
 // for an interruption holds the producer until it ends; a stop of the queue ends the sentence (one
 // reported while paused after the resume, one whose running state cannot be read too), and with
 // session management keeps the session for a while (still held when the finished notification
-// arrives, released later); a queue left playing out by an ended sentence ends no other one. The fixture's player is not
-// subscribed to the session: the end of an interruption is handed to it directly.
+// arrives, released later); a queue left playing out by an ended sentence ends no other one. The
+// fixture's player is not subscribed to the session: the end of an interruption is handed to it
+// directly.
 #include <future>
 
 #include "Audio/Platform/Dispatch.h"

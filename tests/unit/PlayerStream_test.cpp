@@ -9,10 +9,6 @@ namespace {
 
 using PlayerStream = PlayerTest;
 
-std::string parseError(OSStatus status, const char* text) {
-  return "AudioFileStreamParseBytes returned error " + std::to_string(status) + " (" + text + ")";
-}
-
 TEST_F(PlayerStream, ParserLivesUntilTheNextMp3OpeningOrThePlayersEndWhateverTheCloseSays) {
   for (const OSStatus closed : {noErr, kAudioFileStreamError_InvalidStream}) {
     SCOPED_TRACE(closed);
@@ -56,7 +52,8 @@ TEST_F(PlayerStream, FormatThatCannotBeReadEndsTheSentenceOnceAndLaterReportsAre
   const Case cases[] = {
       {"read fails", [] { fake::failCall("AudioFileStreamGetProperty", kAudioFileStreamError_DataUnavailable); },
        "]Err at -[AudioBufPlayer AudioPropertyFoundForStream:propertyID:Flags:] ",
-       AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES, parseError(kAudioFileStreamError_DataUnavailable, "more")},
+       AudioBufPlayerError_FAILED_GET_STREAM_PROPERTIES,
+       "AudioFileStreamParseBytes returned error " + std::to_string(kAudioFileStreamError_DataUnavailable) + " (more)"},
       {"read raises", [] { fake::raiseOnCall("AudioFileStreamGetProperty", PlatformException("no format today")); },
        " Audio init exception: no format today\n", AudioBufPlayerError_FAILED_OPEN_DEVICE,
        "Exception while init audio: no format today"},
