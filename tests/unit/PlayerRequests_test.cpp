@@ -1,6 +1,6 @@
 // What playData and appendAudioData return and change: refusals before start and for unsupported
-// formats; an append to an idle player that starts the request; empty first chunks; a first chunk
-// dropped during a request. Appends refused after the run-out point are the end-to-end lead test's.
+// formats; an append to an idle player that starts the request; empty first chunks (the queue left
+// open until a stop); a first chunk dropped during a request. Appends refused after the run-out point are the end-to-end lead test's.
 #include <thread>
 
 #include "unit/PlayerTestFixture.h"
@@ -66,6 +66,10 @@ TEST_F(PlayerRequests, EmptyFirstChunkEndsTheRequestAtOnceOnTheCallersThread) {
       EXPECT_EQ(peer().status(), 0);
       EXPECT_NE(peer().audioQueue(), nullptr) << "the queue stays open, to play out without reports";
       EXPECT_EQ(fake::countCalls("AudioQueueStop") + fake::countCalls("AudioQueueDispose"), 0u);
+      player->stop();
+      EXPECT_EQ(fake::calls("AudioQueueDispose"), std::vector<std::string>{"AudioQueueDispose q=1 immediate=1"});
+      EXPECT_EQ(peer().audioQueue(), nullptr);
+      EXPECT_EQ(player->audioSessionSetCount(), 0);
     }
   }
 }

@@ -1,6 +1,6 @@
 // Pause, resume, start and stop as the caller sees them: the producer held before the first start
-// and released by resume or by stop; stop of an idle player with a queue left open; calls made from
-// inside a delegate call that holds the player's lock.
+// and released by resume or by stop; calls made from inside a delegate call that holds the
+// player's lock.
 #include <future>
 #include <thread>
 
@@ -39,18 +39,6 @@ TEST_F(PlayerTransport, PauseBeforeTheFirstBufferHoldsTheProducerUntilResumeOrSt
     EXPECT_EQ(eventsNamed(events, "PlayerWasPaused").size(), 1u);
     EXPECT_EQ(eventsNamed(events, "PlayerWasResumed").size(), resumes ? 1u : 0u);
   }
-}
-
-TEST_F(PlayerTransport, StopOfAnIdlePlayerDisposesOfTheQueueLeftOpen) {
-  ASSERT_EQ(play(testBytes(5120), kPCM8K), AudioBufPlayerError_OK);
-  ASSERT_EQ(play({}, kPCM8K), AudioBufPlayerError_OK);  // ends the request; its queue stays open
-  player->stop();
-  EXPECT_EQ(fake::calls("AudioQueueDispose"), std::vector<std::string>{"AudioQueueDispose q=1 immediate=1"});
-  EXPECT_EQ(peer().audioQueue(), nullptr);
-  EXPECT_EQ(player->audioSessionSetCount(), 0);
-  player->stop();
-  EXPECT_EQ(fake::countCalls("AudioQueueDispose"), 1u);
-  EXPECT_EQ(peer().status(), AudioBufPlayer::PS_STOPPED);
 }
 
 // Calls the player back from inside playerWillStartPlayback, as a new user might.
