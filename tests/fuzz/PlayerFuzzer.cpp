@@ -74,7 +74,6 @@ void useRealParsers() {
   });
 }
 
-// Counts the ends of sentences.
 class EndsDelegate : public AudioBufPlayerDelegate {
  public:
   void playerWillStartPlayback(AudioBufPlayer*) override {}
