@@ -1,6 +1,7 @@
 // What playData and appendAudioData return and change: refusals before start and for unsupported
 // formats; an append to an idle player that starts the request; empty first chunks (the queue left
-// open until a stop); a first chunk dropped during a request. Appends refused after the run-out point are the end-to-end lead test's.
+// open until a stop); a first chunk dropped during a request. Appends refused after the run-out
+// point are the end-to-end lead test's.
 #include <thread>
 
 #include "unit/PlayerTestFixture.h"

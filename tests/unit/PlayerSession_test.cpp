@@ -32,11 +32,6 @@ class PlayerSessionTest : public PlayerTest {
     std::sort(lines.begin(), lines.end());
     return lines;
   }
-
-  static std::shared_ptr<AudioBufPlayer> managing(std::optional<std::string> category, uint64_t options = 0,
-                                                  bool manage = true) {
-    return AudioBufPlayer::initWithAudioSessionCategory(std::move(category), options, manage);
-  }
 };
 
 TEST_F(PlayerSessionTest, OnlyTheFirstBeginAndTheLastEndOfManagingCallsTouchThePlatformEvenIfItRaises) {
@@ -69,7 +64,7 @@ TEST_F(PlayerSessionTest, OnlyAPlayersFirstUseAndLastReleaseAct) {
                         {"Playback", false, {}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.category.value_or("(absent)") << (c.manage ? " managed" : ""));
-    const auto p = managing(c.category, 3, c.manage);
+    const auto p = AudioBufPlayer::initWithAudioSessionCategory(c.category, 3, c.manage);
     Peer peer(p);
     peer.setOrResetAVSession(false);
     EXPECT_EQ(fake::calls("set"), c.sets);
@@ -113,7 +108,7 @@ TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUs
   for (const Case& c : cases) {
     for (const bool inUse : {false, true}) {
       SCOPED_TRACE(std::string(c.what) + (inUse ? " in use" : " idle"));
-      const auto p = managing("Playback", 1);
+      const auto p = AudioBufPlayer::initWithAudioSessionCategory("Playback", 1, true);
       Peer peer(p);
       if (inUse) peer.setOrResetAVSession(false);
       takeSessionCalls();
@@ -129,7 +124,7 @@ TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUs
 TEST_F(PlayerSessionTest, SwitchingManagementWhileInUseSubscribesAndSetsTheCategoryButNeverActivates) {
   for (const std::optional<std::string>& category : {std::optional<std::string>("Playback"), {""}, {}}) {
     SCOPED_TRACE(category.value_or("(absent)"));
-    const auto p = managing(category, 2, false);
+    const auto p = AudioBufPlayer::initWithAudioSessionCategory(category, 2, false);
     Peer peer(p);
     peer.setOrResetAVSession(false);
     EXPECT_EQ(takeSessionCalls(), Lines{});
