@@ -1,8 +1,5 @@
-// The stream parser functions of the fake, and the parser behind them.
-#include <string>
-
+// The stream parser functions of the fake, and the default parsing behind them.
 #include "Audio/Platform/AudioFileStream.h"
-#include "fakes/FakeParser.h"
 #include "fakes/FakeWorld.h"
 
 namespace fake {
@@ -16,48 +13,46 @@ AudioStreamBasicDescription defaultMp3Format() {
   return format;
 }
 
-FakeParser::FakeParser(int id, AudioFileStreamID handle, void* clientData,
-                       AudioFileStream_PropertyListenerProc listener, AudioFileStream_PacketsProc packets)
-    : id(id), handle(handle), clientData_(clientData), listener_(listener), packets_(packets) {}
-
-OSStatus FakeParser::parse(std::span<const uint8_t> bytes, const ParserBehaviour& behaviour) {
-  ParseContext context(*this, bytes, ++parseCalls_);
-  return behaviour ? behaviour(context) : context.parseByDefault();
+void setParserDataFormat(const AudioStreamBasicDescription& format) {
+  const auto world = fake::world();
+  std::lock_guard lock(world->mutex);
+  world->dataFormat = format;
 }
 
-ParseContext::ParseContext(FakeParser& parser, std::span<const uint8_t> bytes, int call)
-    : parser_(parser), bytes_(bytes), call_(call) {}
+void setParserBehaviour(ParserBehaviour behaviour) {
+  const auto world = fake::world();
+  std::lock_guard lock(world->mutex);
+  world->behaviour = std::move(behaviour);
+}
 
 int ParseContext::parser() const { return parser_.id; }
-AudioFileStreamID ParseContext::handle() const { return parser_.handle; }
-int ParseContext::call() const { return call_; }
-std::span<const uint8_t> ParseContext::bytes() const { return bytes_; }
+AudioFileStreamID ParseContext::handle() const { return reinterpret_cast<AudioFileStreamID>(parser_.handle); }
+int ParseContext::call() const { return parser_.parseCalls; }
 
 void ParseContext::reportProperty(AudioFileStreamPropertyID property) {
   uint32_t flags = 0;
-  parser_.listener_(parser_.clientData_, parser_.handle, property, &flags);
+  parser_.listener(parser_.clientData, handle(), property, &flags);
 }
 
 void ParseContext::deliverPackets(std::span<const uint8_t> data,
                                   std::span<const AudioStreamPacketDescription> descriptions) {
   // The callback takes a mutable table; the caller's stays untouched.
   std::vector<AudioStreamPacketDescription> table(descriptions.begin(), descriptions.end());
-  parser_.packets_(parser_.clientData_, uint32_t(data.size()), uint32_t(table.size()), data.data(), table.data());
+  parser_.packets(parser_.clientData, uint32_t(data.size()), uint32_t(table.size()), data.data(), table.data());
 }
 
 OSStatus ParseContext::parseByDefault() {
-  if (!parser_.formatReported_) {
-    parser_.formatReported_ = true;
+  if (!parser_.formatReported) {
+    parser_.formatReported = true;
     reportProperty(kAudioFileStreamProperty_DataFormat);
     reportProperty(kAudioFileStreamProperty_ReadyToProducePackets);
   }
-  std::vector<uint8_t> pending = std::move(parser_.remainder_);
+  std::vector<uint8_t> pending = std::move(parser_.remainder);
   pending.insert(pending.end(), bytes_.begin(), bytes_.end());
   const size_t packets = pending.size() / kDefaultMp3PacketSize;
   const size_t complete = packets * kDefaultMp3PacketSize;
-  // The remainder is kept before the player is called, so that a callback that raises leaves the
-  // parser as it would be after the call.
-  parser_.remainder_.assign(pending.begin() + std::ptrdiff_t(complete), pending.end());
+  // Kept before the player is called, so that a callback that raises leaves the parser as after the call.
+  parser_.remainder.assign(pending.begin() + std::ptrdiff_t(complete), pending.end());
   if (packets == 0) return noErr;
   std::vector<AudioStreamPacketDescription> descriptions(packets);
   for (size_t i = 0; i < packets; ++i) descriptions[i] = {int64_t(i * kDefaultMp3PacketSize), 0, kDefaultMp3PacketSize};
@@ -69,77 +64,69 @@ OSStatus ParseContext::parseByDefault() {
 
 namespace {
 
-using fake::FakeParser;
-using fake::Outcome;
-
-struct ParserCall {
-  explicit ParserCall(AudioFileStreamID handle)
-      : world(fake::world()), parser(world->findParser(handle)), ofPreviousTest(world->isOfPreviousTest(handle)) {}
-
-  OSStatus refusal() const { return parser && !parser->closed.load() ? noErr : kAudioFileStreamError_InvalidStream; }
-  std::string label() const { return parser ? " s=" + std::to_string(parser->id) : std::string(" s=?"); }
-
-  std::shared_ptr<fake::World> world;
-  std::shared_ptr<FakeParser> parser;  // null when the handle is unknown
-  bool ofPreviousTest;                 // refused without a log line
-};
+// One call on a parser: records "function s=N" unless the handle is unknown; a closed parser refuses.
+OSStatus recordParserCall(fake::World& world, const char* function, AudioFileStreamID handle,
+                          std::shared_ptr<fake::FakeParser>& parser) {
+  parser = fake::World::find(world.parsers, handle);
+  if (!parser) return kAudioFileStreamError_InvalidStream;
+  const OSStatus refusal = parser->closed ? kAudioFileStreamError_InvalidStream : noErr;
+  return world.record(function, function + (" s=" + std::to_string(parser->id)), refusal);
+}
 
 }  // namespace
 
 OSStatus AudioFileStreamOpen(void* inClientData, AudioFileStream_PropertyListenerProc inPropertyListenerProc,
-                             AudioFileStream_PacketsProc inPacketsProc, AudioFileTypeID inFileTypeHint,
+                             AudioFileStream_PacketsProc inPacketsProc, AudioFileTypeID,
                              AudioFileStreamID* outAudioFileStream) {
   const auto world = fake::world();
-  std::string line = "AudioFileStreamOpen";
-  if (inFileTypeHint != 0) line += " hint=" + fake::fourCharacters(inFileTypeHint);
-  std::shared_ptr<FakeParser> opened;
-  const Outcome outcome = world->record("AudioFileStreamOpen", line, noErr, [&] {
-    opened = world->addParserLocked(inClientData, inPropertyListenerProc, inPacketsProc);
-    return " s=" + std::to_string(opened->id);
-  });
-  if (!outcome.proceeds()) return outcome.status;
-  *outAudioFileStream = opened->handle;
+  std::lock_guard lock(world->mutex);
+  if (OSStatus status = world->record("AudioFileStreamOpen", "AudioFileStreamOpen")) return status;
+  auto parser = std::make_shared<fake::FakeParser>();
+  parser->handle = fake::newHandle();
+  parser->id = int(world->parsers.size()) + 1;
+  parser->clientData = inClientData;
+  parser->listener = inPropertyListenerProc;
+  parser->packets = inPacketsProc;
+  world->parsers.push_back(parser);
+  *outAudioFileStream = reinterpret_cast<AudioFileStreamID>(parser->handle);
   return noErr;
 }
 
 OSStatus AudioFileStreamParseBytes(AudioFileStreamID inAudioFileStream, uint32_t inDataByteSize, const void* inData,
                                    uint32_t) {
-  ParserCall call(inAudioFileStream);
-  if (call.ofPreviousTest) return kAudioFileStreamError_InvalidStream;
-  const Outcome outcome = call.world->record(
-      "AudioFileStreamParseBytes",
-      "AudioFileStreamParseBytes" + call.label() + " bytes=" + std::to_string(inDataByteSize), call.refusal());
-  if (!outcome.proceeds()) return outcome.status;
-  const fake::ParserSettings settings = call.world->parserSettings();
-  return call.parser->parse(std::span(static_cast<const uint8_t*>(inData), inDataByteSize), settings.behaviour);
+  const auto world = fake::world();
+  std::shared_ptr<fake::FakeParser> parser;
+  fake::ParserBehaviour behaviour;
+  {
+    std::lock_guard lock(world->mutex);
+    if (OSStatus status = recordParserCall(*world, "AudioFileStreamParseBytes", inAudioFileStream, parser)) {
+      return status;
+    }
+    behaviour = world->behaviour;
+  }
+  // A parser is used by one thread at a time, as the real one: its state needs no lock.
+  ++parser->parseCalls;
+  fake::ParseContext context(*parser, std::span(static_cast<const uint8_t*>(inData), inDataByteSize));
+  return behaviour ? behaviour(context) : context.parseByDefault();
 }
 
-OSStatus AudioFileStreamGetProperty(AudioFileStreamID inAudioFileStream, AudioFileStreamPropertyID inPropertyID,
-                                    uint32_t* ioPropertyDataSize, void* outPropertyData) {
-  ParserCall call(inAudioFileStream);
-  if (call.ofPreviousTest) return kAudioFileStreamError_InvalidStream;
-  OSStatus refusal = call.refusal();
-  if (!refusal && inPropertyID != kAudioFileStreamProperty_DataFormat) {
-    refusal = kAudioFileStreamError_UnsupportedProperty;
+OSStatus AudioFileStreamGetProperty(AudioFileStreamID inAudioFileStream, AudioFileStreamPropertyID, uint32_t*,
+                                    void* outPropertyData) {
+  const auto world = fake::world();
+  std::lock_guard lock(world->mutex);
+  std::shared_ptr<fake::FakeParser> parser;
+  if (OSStatus status = recordParserCall(*world, "AudioFileStreamGetProperty", inAudioFileStream, parser)) {
+    return status;
   }
-  if (!refusal &&
-      (!ioPropertyDataSize || *ioPropertyDataSize != sizeof(AudioStreamBasicDescription) || !outPropertyData)) {
-    refusal = kAudioFileStreamError_BadPropertySize;
-  }
-  const Outcome outcome = call.world->record(
-      "AudioFileStreamGetProperty",
-      "AudioFileStreamGetProperty" + call.label() + " prop=" + fake::fourCharacters(inPropertyID), refusal);
-  if (!outcome.proceeds()) return outcome.status;
-  *static_cast<AudioStreamBasicDescription*>(outPropertyData) = call.world->parserSettings().dataFormat;
+  *static_cast<AudioStreamBasicDescription*>(outPropertyData) = world->dataFormat;
   return noErr;
 }
 
 OSStatus AudioFileStreamClose(AudioFileStreamID inAudioFileStream) {
-  ParserCall call(inAudioFileStream);
-  if (call.ofPreviousTest) return kAudioFileStreamError_InvalidStream;
-  const Outcome outcome =
-      call.world->record("AudioFileStreamClose", "AudioFileStreamClose" + call.label(), call.refusal());
-  if (!outcome.proceeds()) return outcome.status;
-  call.parser->closed.store(true);
+  const auto world = fake::world();
+  std::lock_guard lock(world->mutex);
+  std::shared_ptr<fake::FakeParser> parser;
+  if (OSStatus status = recordParserCall(*world, "AudioFileStreamClose", inAudioFileStream, parser)) return status;
+  parser->closed = true;
   return noErr;
 }

@@ -8,23 +8,36 @@
 #include "Audio/Platform/SystemLog.h"
 #include "fakes/FakeWorld.h"
 
+namespace {
+
+// Records the call; true unless a chosen result refuses it.
+bool record(const char* function, const std::string& details) {
+  const auto world = fake::world();
+  std::lock_guard lock(world->mutex);
+  return world->record(function, function + details) == noErr;
+}
+
+void append(std::string line) {
+  const auto world = fake::world();
+  std::lock_guard lock(world->mutex);
+  world->append(std::move(line));
+}
+
+}  // namespace
+
 AudioSession& AudioSession::sharedInstance() {
   static AudioSession* const session = new AudioSession;
   return *session;
 }
 
 bool AudioSession::setCategory(const std::string& category, uint64_t options) {
-  const auto world = fake::world();
-  const fake::Outcome outcome =
-      world->record("setCategory", "setCategory " + category + " options=" + std::to_string(options));
-  return outcome.proceeds() && world->session.setCategory(category, options);
+  return record("setCategory", " " + category + " options=" + std::to_string(options)) &&
+         fake::world()->session.setCategory(category, options);
 }
 
 bool AudioSession::setActive(bool active, uint64_t options) {
-  const auto world = fake::world();
-  const fake::Outcome outcome =
-      world->record("setActive", "setActive " + std::to_string(int(active)) + " options=" + std::to_string(options));
-  return outcome.proceeds() && world->session.setActive(active);
+  return record("setActive", " " + std::to_string(int(active)) + " options=" + std::to_string(options)) &&
+         fake::world()->session.setActive(active);
 }
 
 bool AudioSession::isInterrupted() const { return fake::world()->session.isInterrupted(); }
@@ -34,8 +47,8 @@ Application& Application::sharedApplication() {
   return *application;
 }
 
-void Application::beginReceivingRemoteControlEvents() { fake::world()->log.append("beginReceivingRemoteControlEvents"); }
-void Application::endReceivingRemoteControlEvents() { fake::world()->log.append("endReceivingRemoteControlEvents"); }
+void Application::beginReceivingRemoteControlEvents() { append("beginReceivingRemoteControlEvents"); }
+void Application::endReceivingRemoteControlEvents() { append("endReceivingRemoteControlEvents"); }
 void Application::setInBackground(bool inBackground) { fake::world()->inBackground.store(inBackground); }
 
 void NSLog(const char* format, ...) {
@@ -43,5 +56,5 @@ void NSLog(const char* format, ...) {
   va_start(arguments, format);
   const std::string message = formatMessage(format, arguments);
   va_end(arguments);
-  fake::world()->log.append("NSLog " + message);
+  append("NSLog " + message);
 }

@@ -1,28 +1,22 @@
-// Drives the whole player on the fake platform from arbitrary bytes. The input chooses the
-// sentence's format, the chunks a client thread feeds (playData or appendAudioData, now and then
-// in another format, empty, odd-sized), and what the main thread does meanwhile: pause, resume,
-// stop, start, volume, and the "sound device" playing queued buffers back. MP3 goes through the
-// real stream parser behind the fake's parser handles, so the player meets real frames, tags and
-// junk. At the end the user resumes and the device plays everything out; the fuzzer aborts when
-// the client stays blocked, when a result is outside what the call may return, or when a sentence
-// with queued audio does not end with PlaybackFinished or an error.
-//
-// Not checked here: that the audio heard equals the audio fed (the end-to-end tests do that on the
-// real output queue), and timing, which the fake does not model.
+// Drives the whole player on the fake platform from arbitrary bytes: the chunks a client thread
+// feeds (now and then in another format, empty, odd-sized) and the user's and the sound device's
+// calls meanwhile. MP3 goes through the real stream parser behind the fake's parser handles. At the
+// end the device plays everything out; the fuzzer aborts when the client stays blocked, when a call
+// returns what it may not, or when a sentence with queued audio does not end. That the audio heard
+// equals the audio fed is the end-to-end tests' business.
 #include <fuzzer/FuzzedDataProvider.h>
-#include <gtest/gtest-spi.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Audio/Platform/Dispatch.h"
 #include "Audio/Platform/StreamParser/Mp3StreamParser.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
@@ -37,38 +31,15 @@ using namespace std::chrono_literals;
 // Far beyond anything a correct player needs for one input: reaching it is a hang.
 constexpr auto kHangDeadline = 10s;
 
-// The fake reports a call that a unit test should not make (playing back a buffer of a queue the
-// player has just disposed of) as a gtest failure. This device races the player on purpose and judges
-// by the fake's return values, so the reports are no findings: counted, not printed, the last one
-// shown with a finding and the count at exit.
-struct FakeReports : testing::ScopedFakeTestPartResultReporter {
-  FakeReports() : ScopedFakeTestPartResultReporter(INTERCEPT_ALL_THREADS, nullptr) {}
-  void ReportTestPartResult(const testing::TestPartResult& result) override {
-    std::lock_guard lock(mutex);
-    ++count;
-    last = result.message();  // "Failed\n" and the fake's words
-  }
-  void print(const char* what) {
-    std::lock_guard lock(mutex);
-    std::fprintf(stderr, "player_fuzzer: %s: %zu, last: %s\n", what, count, last.substr(last.find('\n') + 1).c_str());
-  }
-  std::mutex mutex;
-  size_t count = 0;  // guarded by mutex
-  std::string last;  // guarded by mutex
-};
-FakeReports* const fakeReports = new FakeReports;  // never destroyed: it outlives every thread
-
 // On failure prints the fake's call log, which tells what the player did to get there.
 void check(bool condition, const char* what) {
   if (condition) return;
   for (const std::string& line : fake::calls()) std::fprintf(stderr, "  %s\n", line.c_str());
-  fakeReports->print("the fake's reports");
   std::fprintf(stderr, "player_fuzzer: %s\n", what);
   std::abort();
 }
 
-// The real parser behind one fake parser handle: its reports go out through the fake's context,
-// with the format the fake answers to AudioFileStreamGetProperty kept equal to the real one.
+// The real parser behind one fake parser handle; the fake answers its format to the player.
 class RealParser {
  public:
   explicit RealParser(AudioFileStreamID handle) : parser_(handle, this, onProperty, onPackets) {}
@@ -103,94 +74,21 @@ void useRealParsers() {
   });
 }
 
-// Counts the ends of sentences and lets the main thread wait for the next one.
 class EndsDelegate : public AudioBufPlayerDelegate {
  public:
   void playerWillStartPlayback(AudioBufPlayer*) override {}
   void updatedTotalLength(double, AudioBufPlayer*) override {}
   void playProgressChanged(double, AudioBufPlayer*) override {}
   void aboutToEnd(AudioBufPlayer*) override {}
-  void PlaybackFinished(AudioBufPlayer*) override { count(); }
-  void PlayerError(AudioBufPlayerError, AudioBufPlayer*, const std::string&) override { count(); }
+  void PlaybackFinished(AudioBufPlayer*) override { ++ends; }
+  void PlayerError(AudioBufPlayerError, AudioBufPlayer*, const std::string&) override { ++ends; }
   void PlayerWasPaused(AudioBufPlayerPauseSource, AudioBufPlayer*) override {}
   void PlayerWasResumed(AudioBufPlayer*) override {}
 
-  size_t ends() const {
-    std::lock_guard lock(mutex_);
-    return ends_;
-  }
-  bool waitForEndsBeyond(size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kHangDeadline, [&] { return ends_ > count; });
-  }
-
- private:
-  void count() {
-    std::lock_guard lock(mutex_);
-    ++ends_;
-    changed_.notify_all();
-  }
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  size_t ends_ = 0;  // guarded by mutex_
+  std::atomic<size_t> ends{0};
 };
 
-struct Feed {
-  bool append;
-  Format format;
-  std::vector<uint8_t> bytes;
-};
-
-enum class Control { Pause, Resume, Stop, Start, Volume, PlayBack, PlayBackAll, Count };
-
-struct Input {
-  std::vector<Feed> feeds;
-  std::vector<std::pair<Control, uint8_t>> controls;
-};
-
-Input decode(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
-  static constexpr Format kFormats[] = {
-      QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM8K, QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K,
-      QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3, QEN_TTS::Audio::EAudioPlayerAudioFormat_ALAW, Format(77)};
-  const Format sentence = kFormats[in.ConsumeIntegralInRange<size_t>(0, 2)];
-  Input input;
-  const size_t feeds = in.ConsumeIntegralInRange<size_t>(1, 8);
-  for (size_t i = 0; i < feeds; ++i) {
-    Feed feed;
-    feed.append = i > 0 && in.ConsumeBool();
-    const uint8_t pick = in.ConsumeIntegral<uint8_t>();
-    feed.format = pick < 224 ? sentence : kFormats[pick % std::size(kFormats)];
-    feed.bytes = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 9000));
-    input.feeds.push_back(std::move(feed));
-  }
-  const size_t controls = in.ConsumeIntegralInRange<size_t>(0, 12);
-  for (size_t i = 0; i < controls; ++i) {
-    const auto control = Control(in.ConsumeIntegralInRange<int>(0, int(Control::Count) - 1));
-    input.controls.emplace_back(control, in.ConsumeIntegral<uint8_t>());
-  }
-  return input;
-}
-
-bool mayReturn(const Feed& feed, AudioBufPlayerError result) {
-  switch (result) {
-    case AudioBufPlayerError_OK:
-    case AudioBufPlayerError_STOPPED:
-      return true;
-    case AudioBufPlayerError_SWITCH_FORMAT:
-      return feed.append;
-    case AudioBufPlayerError_UNSUPPORTED_FORMAT:
-      return feed.format > QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
-    case AudioBufPlayerError_FAILED_PARSE_STREAM:
-      return feed.format == QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
-    default:
-      return false;
-  }
-}
-
-// The sound device: plays the current queue's oldest buffer back, its clock standing at the end of
-// that buffer, so that the player's progress poll sees where playback is. Returns whether a buffer
-// was played back.
+// Plays the current queue's oldest buffer back, the clock at its end for the progress poll.
 class Device {
  public:
   bool playOne() {
@@ -213,38 +111,76 @@ class Device {
   double frames_ = 0.0;
 };
 
-void apply(AudioBufPlayer& player, Device& device, Control control, uint8_t argument) {
-  switch (control) {
-    case Control::Pause:
-      player.pause();
-      break;
-    case Control::Resume:
-      player.resume();
-      break;
-    case Control::Stop:
-      player.stop();
-      break;
-    case Control::Start:
-      player.start();
-      break;
-    case Control::Volume:
-      player.setVolume(float(argument) / 128.0f - 0.25f);
-      break;
-    case Control::PlayBack:
+using Control = void (*)(AudioBufPlayer& player, Device& device, uint8_t argument);
+constexpr Control kControls[] = {
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.pause(); },
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.resume(); },
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.stop(); },
+    [](AudioBufPlayer& player, Device&, uint8_t) { player.start(); },
+    [](AudioBufPlayer& player, Device&, uint8_t argument) { player.setVolume(float(argument) / 128.0f - 0.25f); },
+    [](AudioBufPlayer&, Device& device, uint8_t argument) {
       for (int i = 0; i < argument % 4 && device.playOne(); ++i) {
       }
-      break;
-    case Control::PlayBackAll:
+    },
+    [](AudioBufPlayer&, Device& device, uint8_t) {
       while (device.playOne()) {
       }
-      break;
-    case Control::Count:
-      break;
+    },
+};
+
+struct Feed {
+  bool append;
+  Format format;
+  std::vector<uint8_t> bytes;
+};
+
+struct Input {
+  std::vector<Feed> feeds;
+  std::vector<std::pair<size_t, uint8_t>> controls;  // an index into kControls and its argument
+};
+
+Input decode(const uint8_t* data, size_t size) {
+  FuzzedDataProvider in(data, size);
+  static constexpr Format kFormats[] = {
+      QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM8K, QEN_TTS::Audio::EAudioPlayerAudioFormat_PCM16K,
+      QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3, QEN_TTS::Audio::EAudioPlayerAudioFormat_ALAW, Format(77)};
+  const Format sentence = kFormats[in.ConsumeIntegralInRange<size_t>(0, 2)];
+  Input input;
+  const size_t feeds = in.ConsumeIntegralInRange<size_t>(1, 8);
+  for (size_t i = 0; i < feeds; ++i) {
+    Feed feed;
+    feed.append = i > 0 && in.ConsumeBool();
+    const uint8_t pick = in.ConsumeIntegral<uint8_t>();
+    feed.format = pick < 224 ? sentence : kFormats[pick % std::size(kFormats)];
+    feed.bytes = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 9000));
+    input.feeds.push_back(std::move(feed));
+  }
+  const size_t controls = in.ConsumeIntegralInRange<size_t>(0, 12);
+  for (size_t i = 0; i < controls; ++i) {
+    const size_t control = in.ConsumeIntegralInRange<size_t>(0, std::size(kControls) - 1);
+    input.controls.emplace_back(control, in.ConsumeIntegral<uint8_t>());
+  }
+  return input;
+}
+
+bool mayReturn(const Feed& feed, AudioBufPlayerError result) {
+  switch (result) {
+    case AudioBufPlayerError_OK:
+    case AudioBufPlayerError_STOPPED:
+      return true;
+    case AudioBufPlayerError_SWITCH_FORMAT:
+      return feed.append;
+    case AudioBufPlayerError_UNSUPPORTED_FORMAT:
+      return feed.format > QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
+    case AudioBufPlayerError_FAILED_PARSE_STREAM:
+      return feed.format == QEN_TTS::Audio::EAudioPlayerAudioFormat_MP3;
+    default:
+      return false;
   }
 }
 
-// Plays the last sentence out. A sentence that never queued audio (MP3 in which no frame was
-// found yet, or only a Xing/Info frame) has nothing that could end it and is left alone.
+// Plays the last sentence out. A sentence that never queued audio (MP3 without a frame so far) has
+// nothing that could end it and is left alone.
 void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
   AudioBufPlayerTestPeer peer(player);
   const auto deadline = std::chrono::steady_clock::now() + kHangDeadline;
@@ -261,9 +197,11 @@ void playOut(AudioBufPlayer& player, Device& device, EndsDelegate& delegate) {
     // opened a queue of its own yet keeps it, and only its own queue can end it.
     if (!peer.queueIsOfRequestUnderWay()) return;
     check(draining, "every buffer played back but the queue was not stopped");
-    const size_t ends = delegate.ends();
+    const size_t ends = delegate.ends;
     check(queue.reportRunning(false), "the running-state listener did not return");
-    check(delegate.waitForEndsBeyond(ends), "a stopped queue did not end the sentence");
+    // The end is posted: it has arrived once the work queues are idle.
+    check(dispatch_wait_until_idle(kHangDeadline.count()) && delegate.ends > ends,
+          "a stopped queue did not end the sentence");
     return;
   }
 }
@@ -274,7 +212,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The player logs every chunk, far too slow for fuzzing; ABP_FUZZ_LOG=1 shows it all when
   // replaying one input.
   QEN_TTS::set_log_level(std::getenv("ABP_FUZZ_LOG") ? QEN_TTS::QEN_LOG_LEVEL_TRACE : QEN_TTS::QEN_LOG_LEVEL_OFF);
-  std::atexit([] { fakeReports->print("calls the fake reported (the device racing the player: no finding)"); });
   return 0;
 }
 
@@ -294,7 +231,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   });
   Device device;
-  for (const auto& [control, argument] : input.controls) apply(*player, device, control, argument);
+  for (const auto& [control, argument] : input.controls) kControls[control](*player, device, argument);
 
   // The user lets the sentence go on, and the device plays while the client still feeds.
   const auto deadline = std::chrono::steady_clock::now() + kHangDeadline;

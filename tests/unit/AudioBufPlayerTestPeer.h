@@ -1,5 +1,5 @@
-// Lets the player's unit tests read its private state and call its internal operations the way
-// the player itself does (with playerStatusMutex held where the operation expects it).
+// Lets the player's tests read its private state and call its internal operations the way the
+// player itself does (with playerStatusMutex held where the operation expects it).
 #pragma once
 
 #include <functional>
@@ -12,30 +12,14 @@ class AudioBufPlayerTestPeer {
   explicit AudioBufPlayerTestPeer(const std::shared_ptr<AudioBufPlayer>& player) : p_(*player) {}
 
   uint16_t status() const { return p_.playerStatus.load(); }
-  void setStatus(uint16_t word) {
-    std::lock_guard lock(p_.playerStatusMutex);
-    p_.playerStatus.store(word);
-    p_.broadcastStatusChange();
-  }
-  // Runs an internal operation as the player does: with playerStatusMutex held.
-  void locked(const std::function<void(AudioBufPlayer&)>& operation) {
-    std::lock_guard lock(p_.playerStatusMutex);
-    operation(p_);
-  }
-
   static int32_t sessionUsageCount() {
     std::lock_guard lock(AudioBufPlayer::classLock());
     return AudioBufPlayer::audioSessionUsageCount;
   }
 
-  // Internal operations, each with the mutex held.
-  void setPlayerStopped() { locked([](AudioBufPlayer& p) { p.setPlayerStopped(); }); }
-  void pauseIfNeeded() { locked([](AudioBufPlayer& p) { p.pauseIfNeeded(); }); }
-  void resumeIfNeeded() { locked([](AudioBufPlayer& p) { p.resumeIfNeeded(); }); }
   OSStatus openAudioQueue(const AudioStreamBasicDescription& description) {
-    OSStatus status = 0;
-    locked([&](AudioBufPlayer& p) { status = p.openAudioQueueWithDescription(description); });
-    return status;
+    std::lock_guard lock(p_.playerStatusMutex);
+    return p_.openAudioQueueWithDescription(description);
   }
   void setOrResetAVSession(bool reset) { p_.setOrResetAVSession(reset); }
   void notifyDelegateOfError(AudioBufPlayerError error, const std::string& description) {
@@ -45,21 +29,15 @@ class AudioBufPlayerTestPeer {
   void notifyResumed() { p_.NotifyDelegate_speechPlayerDidResumed(); }
   void notifyFinished() { p_.NotifyDelegate_speechPlayerDidFinished(); }
 
-  // Whether the player's queue is one the request under way opened: an MP3 sentence keeps the
-  // previous sentence's queue until its own format is known.
+  // An MP3 sentence keeps the previous sentence's queue until its own format is known.
   bool queueIsOfRequestUnderWay() {
-    bool mine = false;
-    locked([&mine](AudioBufPlayer& p) { mine = p.isQueueOfRequestUnderWay(p.audioQueue); });
-    return mine;
+    std::lock_guard lock(p_.playerStatusMutex);
+    return p_.isQueueOfRequestUnderWay(p_.audioQueue);
   }
 
-  // Fields.
   AudioQueueRef audioQueue() const { return p_.audioQueue; }
-  AudioFileStreamID audioFileStream() const { return p_.audioFileStream; }
   std::array<bool, AudioBufPlayer::kNumberOfBuffers> freeBuffers() const { return p_.FreeAudioQueueBuffers; }
-  std::array<AudioQueueBufferRef, AudioBufPlayer::kNumberOfBuffers> buffers() const { return p_.audioQueueBuffer; }
   uint64_t receivedSamples() const { return p_.receivedSamples.load(); }
-  double receivedAudioLength() const { return p_.receivedAudioLength.load(); }
   double sampleRate() const { return p_._sampleRate.load(); }
   // As a format found mid-sentence does, before the queue for it replaces the current one.
   void storeStreamRate(double rate) { p_._sampleRate.store(rate); }

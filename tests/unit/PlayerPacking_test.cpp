@@ -1,19 +1,14 @@
-// Plan: how delivered audio becomes queue buffers. Packets with descriptions (MP3, delivered by a
-// scripted parser): which packets travel together, their offsets rewritten into the buffer, the
-// bytes, the 5120-byte and 512-description limits, and the packets refused (oversized, empty,
-// outside the delivery). Bytes without descriptions (PCM): buffer sizes and bytes, a one-byte
-// chunk. Counting of received audio, a delivery without a queue, and two producers taking turns.
-// Not here: the hand-over's own waits and failures (buffer pool tests), real MP3 framing (platform
-// tests). Whether the second producer arrives while the first waits cannot be observed; the turn
-// test catches shared packing state only when it does, which is the usual order.
+// How delivered audio becomes queue buffers: which packets travel together (offsets rewritten into
+// the buffer, the 5120-byte and 512-description limits, the packets refused). That the end of a
+// request wakes a producer waiting for a buffer is the stress and fault tests' (no hang).
 #include <algorithm>
-#include <future>
 #include <numeric>
-#include <tuple>
 
 #include "unit/PlayerTestFixture.h"
 
 namespace {
+
+using PlayerPacking = PlayerTest;
 
 struct Packet {
   int64_t offset;
@@ -43,8 +38,6 @@ struct DescribedCase {
   size_t errorLines = 0;
   uint32_t deliveredBytes = 0;  // 0: up to the end of the packet that ends last
 };
-
-using PlayerPacking = PlayerTest;
 
 TEST_F(PlayerPacking, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd512Packets) {
   const DescribedCase cases[] = {
@@ -94,83 +87,6 @@ TEST_F(PlayerPacking, PacketsWithDescriptionsTravelInBuffersOfAtMost5120BytesAnd
     // Counting comes before packing: refused packets are counted too.
     EXPECT_EQ(peer().receivedSamples(), c.packets.size() * 576);
   }
-}
-
-TEST_F(PlayerPacking, BytesWithoutDescriptionsFillWholeBuffersAndTheLastTakesTheRest) {
-  const struct {
-    size_t chunk;
-    std::vector<size_t> buffers;
-  } cases[] = {{12000, {5120, 5120, 1760}}, {5121, {5120, 1}}, {1, {1}}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.chunk);
-    startOver();
-    ASSERT_EQ(play(testBytes(c.chunk), kPCM8K), AudioBufPlayerError_OK);
-    const fake::QueueState queue = fake::lastQueue().state();
-    std::vector<size_t> sizes;
-    for (const fake::EnqueuedBuffer& buffer : queue.enqueued) {
-      sizes.push_back(buffer.bytes.size());
-      EXPECT_EQ(buffer.packets, 0u);
-      EXPECT_TRUE(buffer.descriptions.empty());
-    }
-    EXPECT_EQ(sizes, c.buffers);
-    EXPECT_EQ(queue.allEnqueuedBytes(), testBytes(c.chunk));
-  }
-}
-
-TEST_F(PlayerPacking, ReceivedAudioIsCountedPerChunkAndReportedWithTheOffset) {
-  ASSERT_EQ(play(testBytes(16000), kPCM8K, 2.5), AudioBufPlayerError_OK);
-  EXPECT_EQ(peer().receivedSamples(), 8000u);
-  EXPECT_DOUBLE_EQ(peer().receivedAudioLength(), 1.0);
-  ASSERT_EQ(append(testBytes(8000), kPCM8K), AudioBufPlayerError_OK);
-  EXPECT_EQ(peer().receivedSamples(), 12000u);
-  EXPECT_DOUBLE_EQ(peer().receivedAudioLength(), 1.5);
-
-  const std::vector<DelegateEvent> lengths = eventsNamed(delegate->events(), "updatedTotalLength");
-  ASSERT_EQ(lengths.size(), 2u);
-  EXPECT_DOUBLE_EQ(lengths[0].seconds, 3.5);
-  EXPECT_DOUBLE_EQ(lengths[1].seconds, 4.0);
-  EXPECT_EQ(lengths[0].thread, std::this_thread::get_id());
-}
-
-// The stream's format is recorded before the queue opens, whether it opens or not.
-TEST_F(PlayerPacking, DeliveryWithoutAQueueIsNeitherCountedNorSent) {
-  for (const auto& [format, rate, samplesPerPacket] : {std::tuple{kPCM8K, 8000.0, 1u}, {kMP3, 16000.0, 576u}}) {
-    SCOPED_TRACE(rate);
-    startOver();
-    fake::failCall("AudioQueueNewOutput", kAudioQueueErr_DeviceFailed);
-    ASSERT_EQ(play(testBytes(16000), format), AudioBufPlayerError_OK);
-    EXPECT_EQ(peer().samplesPerPacket(), samplesPerPacket);
-    EXPECT_EQ(peer().sampleRate(), rate);
-    EXPECT_EQ(peer().receivedSamples(), 0u);
-    EXPECT_EQ(peer().receivedAudioLength(), 0.0);
-    EXPECT_EQ(fake::countCalls("AudioQueueEnqueueBuffer"), 0u);
-    const std::vector<DelegateEvent> events = deliveredEvents();
-    EXPECT_TRUE(eventsNamed(events, "updatedTotalLength").empty());
-    EXPECT_EQ(eventsNamed(events, "PlayerError").size(), 1u);  // the failed opening
-  }
-}
-
-TEST_F(PlayerPacking, SecondProducerWaitsUntilTheFirstHasHandedOverItsWholeChunk) {
-  const std::vector<uint8_t> first = testBytes(21 * 5120, 1);
-  const std::vector<uint8_t> second = testBytes(100, 2);
-  auto firstProducer = std::async(std::launch::async, [&] { return play(first, kPCM8K); });
-  const StopOnExit stopFirstOnFailure(*player);
-  // The twentieth buffer takes the last free one: the first producer now waits with its 21st staged.
-  ASSERT_TRUE(fake::waitForCalls("AudioQueueEnqueueBuffer", 20));
-  auto secondProducer = std::async(std::launch::async, [&] { return append(second, kPCM8K); });
-  const StopOnExit stopOnFailure(*player);
-  fake::Queue queue = fake::lastQueue();
-  ASSERT_TRUE(queue.playBack());
-  ASSERT_EQ(firstProducer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-  EXPECT_EQ(firstProducer.get(), AudioBufPlayerError_OK);
-  ASSERT_TRUE(queue.playBack());
-  ASSERT_EQ(secondProducer.wait_for(fake::kWaitTimeout), std::future_status::ready);
-  EXPECT_EQ(secondProducer.get(), AudioBufPlayerError_OK);
-
-  std::vector<uint8_t> expected = first;
-  expected.insert(expected.end(), second.begin(), second.end());
-  EXPECT_EQ(queue.state().allEnqueuedBytes(), expected);
-  EXPECT_EQ(queue.state().enqueued.size(), 22u);
 }
 
 }  // namespace

@@ -1,11 +1,7 @@
-// Plan: the progress poll after each played buffer. The run-out edge against 2.0 s received (1.75 s
-// reports only; 1.7501 s stops the queue after what it holds, sets PS_ENDING and announces the end
-// before the progress, and again at every later poll), at the rate of the polled queue's own
-// stream (also while a new format's rate is stored and its queue not yet open), with the offset
-// added to reported positions only, counted on from where a new queue took over; a failing time
-// query or a poll without a request reports nothing.
-// Not here: how the received length is counted (packing tests) and what the queue's stop leads to
-// (playback tests). Polls run on the fake queue's callback thread and the test waits for them.
+// The progress poll after each played buffer: the run-out edge a quarter second before the end of
+// the received audio, the rate of the polled queue's own stream, the offset, a new queue's
+// position; a failing time query or a poll without a request reports nothing. Polls run on the
+// thread that plays a buffer back.
 #include "unit/PlayerTestFixture.h"
 
 namespace {
@@ -40,9 +36,7 @@ TEST_F(PlayerTest, PollReportsThePositionAndEndsTheSentenceWithinAQuarterSecondO
   const Case cases[] = {
       {"0.25 s left", kPCM16K, 28000, 0.0, false, 1.75},
       {"less than 0.25 s left", kPCM16K, 28001.6, 0.0, true, 1.7501},
-      {"offset only in the report", kPCM16K, 19200, 3.0, false, 4.2},
       {"offset not in the run-out test", kPCM16K, 28001.6, 3.0, true, 4.7501},
-      {"16000 Hz stream", kPCM16K, 8000, 0.0, false, 0.5},
       {"8000 Hz stream", kPCM8K, 8000, 0.0, false, 1.0},
       {"at its own queue's rate while the next format's is stored", kPCM16K, 16000, 0.0, false, 1.0, 8000.0},
   };
@@ -84,13 +78,11 @@ TEST_F(PlayerTest, PollCountsThePositionOfANewQueueFromWhereItTookOverTheSentenc
 }
 
 TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {
-  struct Case { const char* what; std::function<void()> prepare; size_t timeQueries; size_t debugLines; };
-  const std::string failed =
-      "call AudioQueueGetCurrentTime returned: " + std::to_string(kAudioQueueErr_DeviceFailed) + " ignore value";
+  struct Case { const char* what; std::function<void()> prepare; size_t timeQueries; };
   const Case cases[] = {
-      {"time query fails", [] { fake::failCall("AudioQueueGetCurrentTime", kAudioQueueErr_DeviceFailed); }, 1, 1},
+      {"time query fails", [] { fake::failCall("AudioQueueGetCurrentTime", kAudioQueueErr_DeviceFailed); }, 1},
       // An empty first chunk ends the request and leaves its queue playing.
-      {"no request", [this] { ASSERT_EQ(play({}, kPCM16K), AudioBufPlayerError_OK); }, 0, 0},
+      {"no request", [this] { ASSERT_EQ(play({}, kPCM16K), AudioBufPlayerError_OK); }, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -99,12 +91,9 @@ TEST_F(PlayerTest, PollReportsNothingWhenTheTimeQueryFailsOrNoRequestIsActive) {
     auto queue = fake::lastQueue();
     queue.setSampleTime(31000);
     c.prepare();
-    CapturedLog log;
     ASSERT_TRUE(queue.playBack());
     EXPECT_EQ(fake::countCalls("AudioQueueGetCurrentTime"), c.timeQueries);
     EXPECT_EQ(fake::countCalls("AudioQueueStop"), 0u);
-    EXPECT_EQ(log.countLines("DEBUG", failed), c.debugLines);
-    EXPECT_EQ(log.count("current playtime"), 0u);
     EXPECT_TRUE(pollReports(*delegate).empty());
   }
 }

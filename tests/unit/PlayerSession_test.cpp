@@ -1,17 +1,9 @@
-// Plan: the shared session. The process-wide activation count (platform calls only on 0->1 and
-// 1->0 with management, the end at 0, exceptions, the remote-control task posted whatever the
-// session call does); a player's uses (category before activation, subscriptions after it and
-// ended after the release, absent versus empty categories); the update operations idle and in
-// use; the management switch in use; a player destroyed while notifications are being posted.
-// Not here: when the queue opens and closes uses (queue tests) and what an interruption does
-// (pause and resume tests). The remote-control task runs later on the main queue, so its order
-// against the session call cannot be seen; that it was posted before the call shows when the
-// call raises.
+// The shared session: the process-wide activation count, a player's uses (category before
+// activation, subscribed while in use), the update operations idle and in use, and the management
+// switch. The remote-control task runs later on the main queue, so its
+// order against the session call cannot be seen; that it was posted before the call shows when
+// the call raises.
 #include <algorithm>
-#include <atomic>
-#include <future>
-#include <stdexcept>
-#include <thread>
 
 #include "Audio/Platform/PlatformException.h"
 #include "unit/PlayerTestFixture.h"
@@ -40,102 +32,59 @@ class PlayerSessionTest : public PlayerTest {
     std::sort(lines.begin(), lines.end());
     return lines;
   }
-
-  static std::shared_ptr<AudioBufPlayer> managing(std::optional<std::string> category, uint64_t options = 0,
-                                                  bool manage = true) {
-    return AudioBufPlayer::initWithAudioSessionCategory(std::move(category), options, manage);
-  }
 };
 
-TEST_F(PlayerSessionTest, OnlyTheFirstBeginAndTheLastEndOfManagingCallsTouchThePlatform) {
-  struct Step { bool activate, manage; int32_t count; Lines calls; };
+TEST_F(PlayerSessionTest, OnlyTheFirstBeginAndTheLastEndOfManagingCallsTouchThePlatformEvenIfItRaises) {
+  struct Step { bool activate, manage; int32_t count; Lines calls; bool raises = false; };
+  const std::string logged = "NSLog Exception while modify audio session status: busy";
   const Step steps[] = {
       // Two managing players A and B: A begins, B begins, A ends, B ends.
       {true, true, 1, kActivation}, {true, true, 2, {}}, {false, true, 1, {}}, {false, true, 0, kDeactivation},
       // An end at 0 stays there, and deactivates again when managing.
       {false, true, 0, kDeactivation}, {false, false, 0, {}},
       // Without management the count moves alike and the session is left to the others.
-      {true, false, 1, {}}, {true, true, 2, {}}, {false, false, 1, {}}, {false, true, 0, kDeactivation}};
+      {true, false, 1, {}}, {true, true, 2, {}}, {false, false, 1, {}}, {false, true, 0, kDeactivation},
+      // A session that raises is logged; the count moves and the remote-control task still runs.
+      {true, true, 1, {logged, kActivation[0], "setActive 1 options=1 -> raises"}, true},
+      {false, true, 0, {logged, kDeactivation[0], "setActive 0 options=1 -> raises"}, true}};
   for (size_t i = 0; i < std::size(steps); ++i) {
     SCOPED_TRACE(testing::Message() << "step " << i);
-    AudioBufPlayer::SetAudioSessionActivationStatus(steps[i].activate, steps[i].manage);
+    if (steps[i].raises) fake::raiseOnCall("setActive", PlatformException("busy"));
+    EXPECT_NO_THROW(AudioBufPlayer::SetAudioSessionActivationStatus(steps[i].activate, steps[i].manage));
     EXPECT_EQ(Peer::sessionUsageCount(), steps[i].count);
     EXPECT_EQ(takeSessionCalls(), steps[i].calls);
   }
 }
 
-TEST_F(PlayerSessionTest, PlatformExceptionIsLoggedAndTheRemoteControlTaskStillRuns) {
-  const std::string logged = "NSLog Exception while modify audio session status: busy";
-  for (const bool activate : {true, false}) {
-    fake::raiseOnCall("setActive", PlatformException("busy"));
-    EXPECT_NO_THROW(AudioBufPlayer::SetAudioSessionActivationStatus(activate, true));
-    EXPECT_EQ(Peer::sessionUsageCount(), activate ? 1 : 0);
-    EXPECT_EQ(takeSessionCalls(), (activate ? Lines{logged, kActivation[0], "setActive 1 options=1 -> raises"}
-                                            : Lines{logged, kDeactivation[0], "setActive 0 options=1 -> raises"}));
-  }
-}
-
-TEST_F(PlayerSessionTest, OtherExceptionPropagatesAndLeavesTheCountUnlocked) {
-  fake::raiseOnCall("setActive", std::runtime_error("bug"));
-  EXPECT_THROW(AudioBufPlayer::SetAudioSessionActivationStatus(true, true), std::runtime_error);
-  EXPECT_EQ(Peer::sessionUsageCount(), 1);
-  // A lock left held would stop any other thread here; the thread is abandoned if it does.
-  auto ended = std::make_shared<std::promise<void>>();
-  std::thread([ended] {
-    AudioBufPlayer::SetAudioSessionActivationStatus(false, true);
-    ended->set_value();
-  }).detach();
-  ASSERT_EQ(ended->get_future().wait_for(fake::kWaitTimeout), std::future_status::ready);
-  EXPECT_EQ(Peer::sessionUsageCount(), 0);
-}
-
-TEST_F(PlayerSessionTest, OnlyAPlayersFirstOpeningAndLastClosingAct) {
-  const auto p = managing("Playback", 3);
-  Peer peer(p);
-  peer.setOrResetAVSession(false);
-  EXPECT_EQ(fake::calls("set"), (Lines{"setCategory Playback options=3", "setActive 1 options=1"}));
-  EXPECT_TRUE(peer.isListeningInterruptions());
-  takeSessionCalls();
-  struct Step { bool reset; int64_t uses; bool listening; Lines calls; };
-  const Step steps[] = {
-      {false, 2, true, {}}, {true, 1, true, {}}, {true, 0, false, kDeactivation}, {true, 0, false, {}}};
-  for (size_t i = 0; i < std::size(steps); ++i) {
-    SCOPED_TRACE(testing::Message() << "step " << i);
-    peer.setOrResetAVSession(steps[i].reset);
-    EXPECT_EQ(p->audioSessionSetCount(), steps[i].uses);
-    EXPECT_EQ(peer.isListeningInterruptions(), steps[i].listening);
-    EXPECT_EQ(takeSessionCalls(), steps[i].calls);
-  }
-  EXPECT_EQ(Peer::sessionUsageCount(), 0);
-}
-
-TEST_F(PlayerSessionTest, SubscriptionsComeAfterTheActivationAndGoAfterTheRelease) {
-  const auto p = managing("Playback");
-  Peer peer(p);
-  fake::raiseOnCall("setActive", std::runtime_error("refused"));
-  EXPECT_THROW(peer.setOrResetAVSession(false), std::runtime_error);
-  EXPECT_FALSE(peer.isListeningInterruptions()) << "subscribed before the session was activated";
-  peer.setOrResetAVSession(true);
-  peer.setOrResetAVSession(false);
-  ASSERT_TRUE(peer.isListeningInterruptions());
-  fake::raiseOnCall("setActive", std::runtime_error("refused"));
-  EXPECT_THROW(peer.setOrResetAVSession(true), std::runtime_error);
-  EXPECT_TRUE(peer.isListeningInterruptions()) << "unsubscribed before the session was released";
-}
-
-TEST_F(PlayerSessionTest, OpeningUseAppliesAnEmptyCategoryButNoAbsentOneAndNoneWithoutManagement) {
-  struct Case { std::optional<std::string> category; bool manage; Lines calls; };
-  for (const Case& c : {Case{std::nullopt, true, kActivation}, Case{"Playback", false, {}},
-                        Case{"", true, {kActivation[0], kActivation[1], "setCategory  options=0"}}}) {
-    SCOPED_TRACE(c.category.value_or("(absent)"));
-    const auto p = managing(c.category, 0, c.manage);
+TEST_F(PlayerSessionTest, OnlyAPlayersFirstUseAndLastReleaseAct) {
+  struct Case { std::optional<std::string> category; bool manage; Lines sets; };
+  const Case cases[] = {{"Playback", true, {"setCategory Playback options=3", "setActive 1 options=1"}},
+                        {"", true, {"setCategory  options=3", "setActive 1 options=1"}},
+                        {std::nullopt, true, {"setActive 1 options=1"}},
+                        {"Playback", false, {}}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.category.value_or("(absent)") << (c.manage ? " managed" : ""));
+    const auto p = AudioBufPlayer::initWithAudioSessionCategory(c.category, 3, c.manage);
     Peer peer(p);
     peer.setOrResetAVSession(false);
-    EXPECT_EQ(takeSessionCalls(), c.calls);
+    EXPECT_EQ(fake::calls("set"), c.sets);
+    Lines opening = c.sets;
+    if (c.manage) opening.push_back(kActivation[0]);
+    std::sort(opening.begin(), opening.end());
+    EXPECT_EQ(takeSessionCalls(), opening);
     EXPECT_EQ(peer.isListeningInterruptions(), c.manage);
-    EXPECT_EQ(Peer::sessionUsageCount(), 1);
-    peer.setOrResetAVSession(true);
-    takeSessionCalls();
+    struct Step { bool reset; int64_t uses; bool listening; Lines calls; };
+    const Step steps[] = {{false, 2, c.manage, {}},
+                          {true, 1, c.manage, {}},
+                          {true, 0, false, c.manage ? kDeactivation : Lines{}},
+                          {true, 0, false, {}}};
+    for (const Step& step : steps) {
+      peer.setOrResetAVSession(step.reset);
+      EXPECT_EQ(p->audioSessionSetCount(), step.uses);
+      EXPECT_EQ(peer.isListeningInterruptions(), step.listening);
+      EXPECT_EQ(takeSessionCalls(), step.calls);
+    }
+    EXPECT_EQ(Peer::sessionUsageCount(), 0);
   }
 }
 
@@ -159,7 +108,7 @@ TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUs
   for (const Case& c : cases) {
     for (const bool inUse : {false, true}) {
       SCOPED_TRACE(std::string(c.what) + (inUse ? " in use" : " idle"));
-      const auto p = managing("Playback", 1);
+      const auto p = AudioBufPlayer::initWithAudioSessionCategory("Playback", 1, true);
       Peer peer(p);
       if (inUse) peer.setOrResetAVSession(false);
       takeSessionCalls();
@@ -173,50 +122,25 @@ TEST_F(PlayerSessionTest, UpdatesAreOnlyStoredWhileIdleAndAppliedAtOnceWhileInUs
 }
 
 TEST_F(PlayerSessionTest, SwitchingManagementWhileInUseSubscribesAndSetsTheCategoryButNeverActivates) {
-  const auto p = managing("Playback", 2, false);
-  Peer peer(p);
-  peer.setOrResetAVSession(false);
-  EXPECT_EQ(takeSessionCalls(), Lines{});
-  const Lines categorySet = {"setCategory Playback options=2"};
-  for (const auto& [enable, calls] :
-       {std::pair{true, categorySet}, {true, Lines{}}, {false, Lines{}}, {true, categorySet}}) {
-    p->updateAVSessionManagementEnabled(enable);
-    EXPECT_EQ(p->AVSessionManagmentEnabled(), enable);
-    EXPECT_EQ(peer.isListeningInterruptions(), enable);
-    EXPECT_EQ(takeSessionCalls(), calls);
-  }
-  // Closing with management on releases the session that the opening left alone.
-  peer.setOrResetAVSession(true);
-  EXPECT_FALSE(peer.isListeningInterruptions());
-  EXPECT_EQ(takeSessionCalls(), kDeactivation);
-}
-
-TEST_F(PlayerSessionTest, PlayerDestroyedWhileSubscribedReceivesNoNotificationAfterwards) {
-  // Without a delegate no posted notification holds the player: it is gone once the client and
-  // the posting thread have let go.
-  auto p = managing(std::nullopt);
-  p->start();
-  ASSERT_EQ(p->playData(testBytes(5120), kPCM16K, nullptr, 0.0), AudioBufPlayerError_OK);
-  ASSERT_TRUE(Peer(p).isListeningInterruptions());
-  std::atomic<bool> posting{true};
-  std::thread poster([&] {
-    for (int64_t type = 1; posting.load(); type ^= 1) {
-      NotificationCenter::defaultCenter().postNotification(interruptionNotification(type));
+  for (const std::optional<std::string>& category : {std::optional<std::string>("Playback"), {""}, {}}) {
+    SCOPED_TRACE(category.value_or("(absent)"));
+    const auto p = AudioBufPlayer::initWithAudioSessionCategory(category, 2, false);
+    Peer peer(p);
+    peer.setOrResetAVSession(false);
+    EXPECT_EQ(takeSessionCalls(), Lines{});
+    const Lines categorySet = category && !category->empty() ? Lines{"setCategory Playback options=2"} : Lines{};
+    for (const auto& [enable, calls] :
+         {std::pair{true, categorySet}, {true, Lines{}}, {false, Lines{}}, {true, categorySet}}) {
+      p->updateAVSessionManagementEnabled(enable);
+      EXPECT_EQ(p->AVSessionManagmentEnabled(), enable);
+      EXPECT_EQ(peer.isListeningInterruptions(), enable);
+      EXPECT_EQ(takeSessionCalls(), calls);
     }
-  });
-  const bool heard = fake::waitForCall("AudioQueuePause q=1");
-  const std::weak_ptr<AudioBufPlayer> destroyed = p->weak_from_this();
-  p.reset();
-  posting = false;
-  poster.join();
-  ASSERT_TRUE(heard);
-  ASSERT_TRUE(destroyed.expired());
-
-  fake::clearCalls();
-  for (const int64_t type : {1, 0}) {
-    NotificationCenter::defaultCenter().postNotification(interruptionNotification(type));
+    // Closing with management on releases the session that the opening left alone.
+    peer.setOrResetAVSession(true);
+    EXPECT_FALSE(peer.isListeningInterruptions());
+    EXPECT_EQ(takeSessionCalls(), kDeactivation);
   }
-  EXPECT_EQ(fake::calls(), Lines{});
 }
 
 }  // namespace

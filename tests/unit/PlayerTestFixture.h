@@ -7,21 +7,18 @@
 #include <algorithm>
 #include <future>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Audio/Platform/AudioSession.h"
-#include "Audio/Platform/NotificationCenter.h"
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 #include "fakes/FakePlatform.h"
 #include "unit/AudioBufPlayerTestPeer.h"
 #include "unit/RecordingDelegate.h"
 
-// count bytes that differ from their neighbours, so that a byte out of place shows; seed tells
-// two chunks apart.
+// Bytes that differ from their neighbours, so that a byte out of place shows.
 inline std::vector<uint8_t> testBytes(size_t count, uint8_t seed = 0) {
   std::vector<uint8_t> bytes(count);
   for (size_t i = 0; i < count; ++i) bytes[i] = uint8_t(seed + i % 251);
@@ -60,18 +57,6 @@ class CapturedLog {
     for (size_t at = text().find(needle); at != std::string::npos; at = text_.find(needle, at + 1)) ++n;
     return n;
   }
-  // Lines of level ("ERROR", "DEBUG", "TRACE") whose message is exactly message.
-  size_t countLines(std::string_view level, std::string_view message) {
-    const std::string head = "[" + std::string(level) + "][";
-    size_t n = 0;
-    std::istringstream lines(text());
-    for (std::string line; std::getline(lines, line);) {
-      const size_t at = line.find(head);
-      const size_t end = at == std::string::npos ? at : line.find(']', at + head.size());
-      n += end != std::string::npos && std::string_view(line).substr(end + 1) == message;
-    }
-    return n;
-  }
 
  private:
   const int savedLevel_;
@@ -92,13 +77,11 @@ class StopOnExit {
   AudioBufPlayer& player_;
 };
 
-// The session activation count belongs to the process: closes the uses that earlier tests left
-// open, without touching the session, so that a test sees the first use activate it.
+// The session activation count belongs to the process: a test sees the first use activate it.
 inline void endSessionUsesLeftOpen() {
   while (AudioBufPlayerTestPeer::sessionUsageCount() > 0) AudioBufPlayer::SetAudioSessionActivationStatus(false, false);
 }
 
-// The fake's log lines that contain any of texts, in call order.
 inline std::vector<std::string> callsWith(std::initializer_list<std::string_view> texts) {
   std::vector<std::string> lines = fake::calls();
   std::erase_if(lines, [&](const std::string& line) {
@@ -106,12 +89,6 @@ inline std::vector<std::string> callsWith(std::initializer_list<std::string_view
     return std::none_of(texts.begin(), texts.end(), contains);
   });
   return lines;
-}
-
-// An interruption notification as the session posts it, type under AVAudioSessionInterruptionTypeKey.
-inline Notification interruptionNotification(int64_t type) {
-  return Notification{AVAudioSessionInterruptionNotification,
-                      std::map<std::string, int64_t>{{AVAudioSessionInterruptionTypeKey, type}}};
 }
 
 class PlayerTest : public testing::Test {
@@ -132,7 +109,6 @@ class PlayerTest : public testing::Test {
     player = AudioBufPlayer::initWithAudioSessionCategory(std::nullopt, 0, false);
     player->start();
   }
-  // For table-driven tests: each case on a new player and delegate, in a reset fake.
   void startOver() {
     player.reset();
     SetUp();
@@ -147,9 +123,7 @@ class PlayerTest : public testing::Test {
     return player->appendAudioData(data, format, delegate, 0.0);
   }
 
-  // The delegate's events once every notification posted to it has been delivered: a posted
-  // notification holds the delegate, so its last reference goes with the last of them. The
-  // delegate is gone afterwards.
+  // A posted notification holds the delegate: its last reference goes with the last of them.
   std::vector<DelegateEvent> deliveredEvents() {
     delegate.reset();
     if (delivered_.wait_for(RecordingDelegate::kWaitTimeout) != std::future_status::ready) {

@@ -38,15 +38,10 @@ class RecordingDelegate : public AudioBufPlayerDelegate {
   void aboutToEnd(AudioBufPlayer* player) override { record({"aboutToEnd"}, player); }
   void PlaybackFinished(AudioBufPlayer* player) override { record({"PlaybackFinished"}, player); }
   void PlayerError(AudioBufPlayerError error, AudioBufPlayer* player, const std::string& description) override {
-    DelegateEvent event{"PlayerError"};
-    event.error = error;
-    event.description = description;
-    record(event, player);
+    record({.name = "PlayerError", .error = error, .description = description}, player);
   }
   void PlayerWasPaused(AudioBufPlayerPauseSource source, AudioBufPlayer* player) override {
-    DelegateEvent event{"PlayerWasPaused"};
-    event.source = source;
-    record(event, player);
+    record({.name = "PlayerWasPaused", .source = source}, player);
   }
   void PlayerWasResumed(AudioBufPlayer* player) override { record({"PlayerWasResumed"}, player); }
 
