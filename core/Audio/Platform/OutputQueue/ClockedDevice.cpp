@@ -3,73 +3,129 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <system_error>
-#include <vector>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 namespace {
 constexpr uint32_t kPeriodsPerSecond = 100;
 // A clock that fell this far behind (a busy machine) starts afresh instead of rushing to catch up.
 constexpr std::chrono::milliseconds kGiveUpLag{200};
+// Outputs due this soon after the one the clock woke for take their period in the same wake-up:
+// many players then cost the clock a few wake-ups per period, not one each.
+constexpr std::chrono::milliseconds kSlack{2};
 }  // namespace
+
+// The one clock thread of the process and the outputs it drives. Never destroyed: its thread may
+// still wait while the process exits.
+class DeviceClock {
+ public:
+  static DeviceClock& instance() {
+    static DeviceClock* const clock = new DeviceClock;
+    return *clock;
+  }
+
+  void add(ClockedDevice& device) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    device.ticking_ = true;
+    devices_.push_back(&device);
+    changed_.notify_one();
+  }
+
+  void remove(ClockedDevice& device) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    device.ticking_ = false;
+    devices_.erase(std::find(devices_.begin(), devices_.end(), &device));
+    tickDone_.wait(lock, [&] { return busy_ != &device; });
+  }
+
+ private:
+  DeviceClock() { std::thread([this] { run(); }).detach(); }
+
+  void run() {
+    pthread_setname_np(pthread_self(), "audio-clock");
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::vector<ClockedDevice*> due;
+    for (;;) {
+      if (devices_.empty()) {
+        changed_.wait(lock);
+        continue;
+      }
+      const auto earliest = (*std::min_element(devices_.begin(), devices_.end(), [](auto* a, auto* b) {
+                              return a->next_ < b->next_;
+                            }))->next_;
+      if (ClockedDevice::Clock::now() < earliest) {
+        changed_.wait_until(lock, earliest);
+        continue;
+      }
+      due.clear();
+      for (ClockedDevice* device : devices_) {
+        if (device->next_ <= earliest + kSlack) {
+          due.push_back(device);
+        }
+      }
+      for (ClockedDevice* device : due) {
+        if (!device->ticking_) {
+          continue;  // stopped meanwhile
+        }
+        busy_ = device;
+        lock.unlock();
+        device->tick();
+        lock.lock();
+        busy_ = nullptr;
+        tickDone_.notify_all();
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;   // an output was added
+  std::condition_variable tickDone_;  // busy_ went back to null
+  // --- guarded by mutex_ ---
+  std::vector<ClockedDevice*> devices_;
+  ClockedDevice* busy_ = nullptr;  // the output whose period the clock thread is in
+};
 
 ClockedDevice::ClockedDevice(uint32_t sampleRate, uint32_t channels, double speed, uint32_t latencyFrames,
                              Sink sink)
     : sampleRate_(sampleRate),
       channels_(channels),
-      speed_(speed),
       periodFrames_(uint32_t(std::clamp(std::lround(sampleRate * speed / kPeriodsPerSecond), 1L, long(sampleRate)))),
       latencyFrames_(latencyFrames),
+      period_(std::chrono::duration_cast<Clock::duration>(
+          std::chrono::duration<double>(double(periodFrames_) / sampleRate_ / speed))),
       sink_(std::move(sink)) {}
 
 ClockedDevice::~ClockedDevice() { stop(); }
 
 OSStatus ClockedDevice::start(RenderSource& source) {
-  if (thread_.joinable()) {
+  if (source_ != nullptr) {
     return noErr;
   }
-  stopping_ = false;
-  try {
-    thread_ = std::thread([this, &source] { run(source); });
-  } catch (const std::system_error&) {
-    return kAudioQueueErr_DeviceFailed;
-  }
+  source_ = &source;
+  buffer_.resize(size_t(periodFrames_) * channels_);
+  next_ = Clock::now();
+  DeviceClock::instance().add(*this);
   return noErr;
 }
 
 void ClockedDevice::stop() {
-  if (!thread_.joinable()) {
+  if (source_ == nullptr) {
     return;
   }
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stopping_ = true;
-  }
-  wake_.notify_all();
-  thread_.join();
+  DeviceClock::instance().remove(*this);
+  source_ = nullptr;
 }
 
-void ClockedDevice::run(RenderSource& source) {
-  pthread_setname_np(pthread_self(), "audio-clock");
-  using Clock = std::chrono::steady_clock;
-  const auto period = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(double(periodFrames_) / sampleRate_ / speed_));
-  std::vector<int16_t> buffer(size_t(periodFrames_) * channels_);
-  auto next = Clock::now();
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!stopping_) {
-    lock.unlock();
-    const size_t heard = source.render(buffer.data(), periodFrames_, latencyFrames_);
-    if (heard > 0 && sink_) {
-      sink_(buffer.data(), heard);
-    }
-    next += period;
-    const auto now = Clock::now();
-    if (now - next > kGiveUpLag) {
-      next = now;
-    }
-    lock.lock();
-    wake_.wait_until(lock, next, [&] { return stopping_; });
+void ClockedDevice::tick() {
+  const size_t heard = source_->render(buffer_.data(), periodFrames_, latencyFrames_);
+  if (heard > 0 && sink_) {
+    sink_(buffer_.data(), heard);
+  }
+  next_ += period_;
+  const auto now = Clock::now();
+  if (now - next_ > kGiveUpLag) {
+    next_ = now;
   }
 }
