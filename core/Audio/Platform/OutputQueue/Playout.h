@@ -1,7 +1,7 @@
 // The consumer side of a queue's ring: decides, period by period, what the sound output hears.
 //
 // Everything accessed in render() is synchronised only through atomics. The control side (the
-// queue's API calls and its callback thread, serialised by the queue's mutex) publishes the control
+// queue's API calls and its render pass, serialised by the queue's mutex) publishes the control
 // word, the discard and end positions and the volume; render() publishes the read position
 // (through the ring) and the counters, and asks for a render pass of the queue when the read
 // position reaches the threshold the queue's last pass asked for.
