@@ -6,6 +6,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -106,7 +107,12 @@ OSStatus ClockedDevice::start(RenderSource& source) {
   source_ = &source;
   buffer_.resize(size_t(periodFrames_) * channels_);
   next_ = Clock::now();
-  DeviceClock::instance().add(*this);
+  try {
+    DeviceClock::instance().add(*this);
+  } catch (const std::system_error&) {
+    source_ = nullptr;
+    return kAudioQueueErr_DeviceFailed;  // the clock thread could not start
+  }
   return noErr;
 }
 

@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/Application.h"
 #include "Audio/Platform/OutputQueue/BufferHandleArena.h"
 #include "Audio/Platform/OutputQueue/ManualDevice.h"
 #include "Audio/Platform/OutputQueue/QueueRegistry.h"
+#include "Audio/Platform/OutputQueue/RenderEngine.h"
 
 namespace {
 // Room for the render pass to be late: half a second of audio, and at least this many periods of
@@ -40,6 +42,12 @@ std::shared_ptr<OutputQueue> OutputQueue::create(AudioQueueRef handle, const Aud
   }
   std::shared_ptr<OutputQueue> queue(new OutputQueue(handle, format, callback, userData, std::move(device), status));
   if (*status != noErr) {
+    return nullptr;
+  }
+  try {
+    RenderEngine::instance();  // its threads start here, never inside the sound output's callback
+  } catch (const std::system_error&) {
+    *status = kAudioQueueErr_OutOfMemory;
     return nullptr;
   }
   queue->keepAlive_ = queue;
