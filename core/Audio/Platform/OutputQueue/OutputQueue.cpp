@@ -152,9 +152,10 @@ OSStatus OutputQueue::enqueue(AudioQueueBufferRef buffer, uint32_t packetCount,
   }
   record.byteSize = size;
   record.enqueued = true;
-  // A pass busy with earlier buffers finds this one when the ring has room for it; asking for a
-  // pass for every buffer would double the wake-ups of a producer that keeps ahead.
-  if (renderWantsEntries_) {
+  // A pass busy with earlier buffers finds this one when the ring has room for it, and so does the
+  // pass that comes when the ring falls to half: asking for a pass for every buffer would double
+  // the wake-ups of a producer that keeps ahead.
+  if (renderWantsEntries_ && ring_.writePosition() - ring_.readPosition() <= ring_.capacity() / 2) {
     renderWantsEntries_ = false;
     requestRender();
   }

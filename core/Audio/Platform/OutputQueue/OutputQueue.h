@@ -137,7 +137,7 @@ class OutputQueue final : public std::enable_shared_from_this<OutputQueue>, priv
   // it has released mutex_.
   bool claimDelivery();
   // Where the sound output is to ask for the next pass: a read position that leaves the ring half
-  // empty, a heard position that ends an entry.
+  // full, a heard position that ends an entry.
   struct WakeThresholds {
     uint64_t read = Playout::kNoEnd;
     uint64_t heard = Playout::kNoEnd;

@@ -132,8 +132,11 @@ OutputQueue::WakeThresholds OutputQueue::wakeThresholds() const {
   if (rendered_ > 0) {
     threshold.heard = entries_.front().end;  // the next entry to be heard in full
   }
-  if (renderer_.stagedFrames() > 0) {  // the ring is full: the next pass when it is half empty
-    threshold.read = ring_.writePosition() - (ring_.capacity() - ring_.capacity() / 2);
+  // Above half full (the ring is full, or what was enqueued is in it), the next pass comes when the
+  // ring has fallen to half; below, an enqueue asks for it.
+  const uint64_t write = ring_.writePosition();
+  if (write - ring_.readPosition() > ring_.capacity() / 2) {
+    threshold.read = write - ring_.capacity() / 2;
   }
   return threshold;
 }
