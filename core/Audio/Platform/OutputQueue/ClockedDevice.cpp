@@ -107,6 +107,7 @@ OSStatus ClockedDevice::start(RenderSource& source) {
   source_ = &source;
   buffer_.resize(size_t(periodFrames_) * channels_);
   next_ = Clock::now();
+  onGrid_ = false;
   try {
     DeviceClock::instance().add(*this);
   } catch (const std::system_error&) {
@@ -129,9 +130,14 @@ void ClockedDevice::tick() {
   if (heard > 0 && sink_) {
     sink_(buffer_.data(), heard);
   }
-  next_ += period_;
   const auto now = Clock::now();
-  if (now - next_ > kGiveUpLag) {
-    next_ = now;
+  if (!onGrid_ || now - next_ > kGiveUpLag) {
+    // The first period plays at once (start latency); later ones fall on the grid of multiples of
+    // the period that every output of this period shares, so that the clock wakes once for all.
+    const auto sinceEpoch = (now + period_ / 2).time_since_epoch();
+    next_ = Clock::time_point((sinceEpoch + period_ - Clock::duration(1)) / period_ * period_);
+    onGrid_ = true;
+  } else {
+    next_ += period_;
   }
 }

@@ -3,7 +3,8 @@
 // discards it; the WAV output writes it. In real time a period is 10 ms, as a sound card's; run
 // `speed` times faster, a period holds `speed` times more frames (up to a second of audio) rather
 // than coming more often, so that a benchmark measures the queue's work and not the clock's
-// wake-ups.
+// wake-ups. After the first period, which plays at start, periods fall on a grid that all outputs
+// of the same period share: the clock wakes once a period for all of them, not once for each.
 //
 // The clock thread renders into a buffer of the output's own, allocated at start, and calls the
 // sink outside the render call. Start and stop are serialised by the caller; stop() returns once
@@ -49,6 +50,7 @@ class ClockedDevice final : public OutputDevice {
   RenderSource* source_ = nullptr;
   std::vector<int16_t> buffer_;
   Clock::time_point next_;
+  bool onGrid_ = false;  // next_ is on the period's grid
   // --- guarded by the clock's mutex ---
   bool ticking_ = false;
 };
