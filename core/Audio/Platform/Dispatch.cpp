@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 struct DispatchQueue {
@@ -72,14 +73,17 @@ class ConcurrentQueue final : public DispatchQueue {
       }
       return;
     }
-    if (!monitorArmed_) {
+    if (monitorArmed_) return;
+    if (monitorStarted_) {
       monitorArmed_ = true;
-      if (!monitorStarted_) {
-        monitorStarted_ = true;
-        std::thread([this] { monitor(); }).detach();
-      } else {
-        monitorWakeup_.notify_one();
-      }
+      monitorWakeup_.notify_one();
+      return;
+    }
+    try {
+      std::thread([this] { monitor(); }).detach();
+      monitorStarted_ = monitorArmed_ = true;
+    } catch (const std::system_error&) {
+      // Out of threads: the task waits for a busy worker; the next post tries again.
     }
   }
 
@@ -91,11 +95,14 @@ class ConcurrentQueue final : public DispatchQueue {
 
   // Caller holds mutex_.
   void addThread() {
-    if (threads_ < kMaxThreads) {
-      ++threads_;
-      ++starting_;
+    if (threads_ >= kMaxThreads) return;
+    try {
       std::thread([this] { work(); }).detach();
+    } catch (const std::system_error&) {
+      return;  // out of threads: the task waits for a busy one, or the monitor's next try
     }
+    ++threads_;
+    ++starting_;
   }
 
   void work() {

@@ -1,6 +1,8 @@
 // The delivery of an OutputQueue's callbacks: one task at a time on the global work queue, posted
 // by the render pass when callbacks wait, delivering them in order until none is left. A callback
 // that blocks holds up only this queue's later callbacks; the render pass goes on meanwhile.
+#include <new>
+
 #include "Audio/Platform/Dispatch.h"
 #include "Audio/Platform/OutputQueue/OutputQueue.h"
 
@@ -18,7 +20,13 @@ bool OutputQueue::claimDelivery() {
 }
 
 void OutputQueue::postDelivery() {
-  dispatch_async(dispatch_get_global_queue(0, 0), [queue = shared_from_this()] { queue->deliverEvents(); });
+  try {
+    dispatch_async(dispatch_get_global_queue(0, 0), [queue = shared_from_this()] { queue->deliverEvents(); });
+  } catch (const std::bad_alloc&) {
+    // Nothing was posted: the next pass tries again.
+    std::lock_guard<std::mutex> lock(mutex_);
+    delivering_ = false;
+  }
 }
 
 bool OutputQueue::isDelivering() const { return tDelivering == this; }
