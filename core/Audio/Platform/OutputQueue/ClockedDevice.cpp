@@ -29,14 +29,12 @@ class DeviceClock {
 
   void add(ClockedDevice& device) {
     std::lock_guard<std::mutex> lock(mutex_);
-    device.ticking_ = true;
     devices_.push_back(&device);
     changed_.notify_one();
   }
 
   void remove(ClockedDevice& device) {
     std::unique_lock<std::mutex> lock(mutex_);
-    device.ticking_ = false;
     devices_.erase(std::find(devices_.begin(), devices_.end(), &device));
     tickDone_.wait(lock, [&] { return busy_ != &device; });
   }
@@ -47,7 +45,6 @@ class DeviceClock {
   void run() {
     pthread_setname_np(pthread_self(), "audio-clock");
     std::unique_lock<std::mutex> lock(mutex_);
-    std::vector<ClockedDevice*> due;
     for (;;) {
       if (devices_.empty()) {
         changed_.wait(lock);
@@ -60,16 +57,16 @@ class DeviceClock {
         changed_.wait_until(lock, earliest);
         continue;
       }
-      due.clear();
-      for (ClockedDevice* device : devices_) {
-        if (device->next_ <= earliest + kSlack) {
-          due.push_back(device);
+      // A device is looked up afresh after each period, never kept across the unlocked tick: one
+      // stopped meanwhile may be gone.
+      const auto horizon = earliest + kSlack;
+      const auto isDue = [&](const ClockedDevice* device) { return device->next_ <= horizon; };
+      for (;;) {
+        const auto due = std::find_if(devices_.begin(), devices_.end(), isDue);
+        if (due == devices_.end()) {
+          break;
         }
-      }
-      for (ClockedDevice* device : due) {
-        if (!device->ticking_) {
-          continue;  // stopped meanwhile
-        }
+        ClockedDevice* device = *due;
         busy_ = device;
         lock.unlock();
         device->tick();

@@ -51,6 +51,4 @@ class ClockedDevice final : public OutputDevice {
   std::vector<int16_t> buffer_;
   Clock::time_point next_;
   bool onGrid_ = false;  // next_ is on the period's grid
-  // --- guarded by the clock's mutex ---
-  bool ticking_ = false;
 };
