@@ -1,9 +1,11 @@
 // The output audio queue: plays enqueued buffers of one stream format in order.
 //
 // Threads: every function may be called from any thread. The output callback and the property
-// listener run on the queue's own callback thread, one per queue, never on the caller's thread and
-// never inside the device's real-time callback. A callback may call any function of this file,
-// AudioQueueDispose of its own queue included.
+// listener of a queue run on a thread of the global work queue (Dispatch.h), one callback at a time
+// per queue and in order, never on the caller's thread, never inside the device's real-time
+// callback and never on the threads that render: a callback that blocks delays that queue's later
+// callbacks, not its sound. Different queues' callbacks may run at once on different threads. A
+// callback may call any function of this file, AudioQueueDispose of its own queue included.
 //
 // Handles are unique for the process lifetime: a disposed queue's handle is never handed out again,
 // and every call on it returns kAudioQueueErr_InvalidQueue without touching freed memory.
@@ -19,15 +21,16 @@ struct AudioQueueBuffer {
 };
 
 // Called when the queue has finished with a buffer: for a played buffer, once its last frame has
-// been heard (the sound output's latency after the output took it). Runs on the queue's callback
-// thread.
+// been heard (the sound output's latency after the output took it). Runs as the queue's callbacks
+// do (see Threads above).
 typedef void (*AudioQueueOutputCallback)(void* inUserData, AudioQueueRef inAQ, AudioQueueBufferRef inBuffer);
-// Called on the queue's callback thread when a listened property (the running state) changes.
+// Called, as the output callback is and in order with it, when a listened property (the running
+// state) changes.
 typedef void (*AudioQueuePropertyListenerProc)(void* inUserData, AudioQueueRef inAQ, AudioQueuePropertyID inID);
 
 // Creates a queue for linear PCM (16-bit signed little-endian, mono or stereo, any whole rate from
 // 1000 to 768000 Hz) or MP3 (kAudioFormatMPEGLayer3 at an MPEG rate, mono or stereo, decoded on the
-// queue's thread). Run loop and mode must be null, flags 0. It plays through the sound output the
+// process's render threads). Run loop and mode must be null, flags 0. It plays through the sound output the
 // host program selected (OutputQueue/OutputDevices.h). Fails with kAudioQueueErr_UnsupportedFormat,
 // kAudioQueueErr_DeviceFailed when the sound output cannot be opened, or kAudioQueueErr_InvalidParameter.
 OSStatus AudioQueueNewOutput(const AudioStreamBasicDescription* inFormat, AudioQueueOutputCallback inCallbackProc,
@@ -68,7 +71,7 @@ OSStatus AudioQueueStop(AudioQueueRef inAQ, bool inImmediate);
 // sound output still holds of a finished drain plays out. Never waits
 // for a callback in progress (a callback may be waiting for a lock that the caller holds): that one
 // may still run after the return, but no new callback of this queue starts. Buffers still enqueued
-// do not come back. Works from the queue's own callback thread.
+// do not come back. Works from the queue's own callbacks.
 OSStatus AudioQueueDispose(AudioQueueRef inAQ, bool inImmediate);
 
 // mSampleTime: frames of enqueued audio heard since the queue was first started (what the sound

@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 struct DispatchQueue {
@@ -54,44 +55,107 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Concurrent queue on an elastic pool: a task never waits for a thread that is busy, because a
-// new thread is started whenever there are more queued tasks than idle threads.
+// Concurrent queue on an elastic pool. Hand-offs are cheap: up to kEagerThreads tasks at once get
+// a thread at once (an idle one woken, or a new one); past that, a task waits for a worker that
+// finishes its task and takes the next itself, without waking another. A monitor adds a thread when
+// tasks wait and none has been taken for kStall, so that tasks that block (sleep, wait on a
+// condition) never starve the others for longer than that.
 class ConcurrentQueue final : public DispatchQueue {
  public:
   void post(std::function<void()> task) override {
     std::unique_lock lock(mutex_);
     queue(std::move(task));
-    if (tasks_.size() <= idle_) {
-      wakeup_.notify_one();
+    if (running_ + tasks_.size() <= kEagerThreads) {
+      if (idle_ + starting_ >= tasks_.size()) {
+        wakeup_.notify_one();
+      } else {
+        addThread();
+      }
       return;
     }
-    if (threads_ < kMaxThreads) {
-      ++threads_;
-      std::thread([this] { work(); }).detach();
+    if (monitorArmed_) return;
+    if (monitorStarted_) {
+      monitorArmed_ = true;
+      monitorWakeup_.notify_one();
+      return;
+    }
+    try {
+      std::thread([this] { monitor(); }).detach();
+      monitorStarted_ = monitorArmed_ = true;
+    } catch (const std::system_error&) {
+      // Out of threads: the task waits for a busy worker; the next post tries again.
     }
   }
 
  private:
   static constexpr size_t kMaxThreads = 1024;
+  static constexpr size_t kEagerThreads = 2;
+  static constexpr auto kStall = 5ms;
   static constexpr auto kIdleRetirement = 10s;
+
+  // Caller holds mutex_.
+  void addThread() {
+    if (threads_ >= kMaxThreads) return;
+    try {
+      std::thread([this] { work(); }).detach();
+    } catch (const std::system_error&) {
+      return;  // out of threads: the task waits for a busy one, or the monitor's next try
+    }
+    ++threads_;
+    ++starting_;
+  }
 
   void work() {
     std::unique_lock lock(mutex_);
+    --starting_;
     for (;;) {
-      ++idle_;
-      const bool gotTask = wakeup_.wait_for(lock, kIdleRetirement, [this] { return !tasks_.empty(); });
-      --idle_;
-      if (!gotTask) {
-        --threads_;
-        return;
+      if (tasks_.empty()) {
+        ++idle_;
+        const bool gotTask = wakeup_.wait_for(lock, kIdleRetirement, [this] { return !tasks_.empty(); });
+        --idle_;
+        if (!gotTask) {
+          --threads_;
+          return;
+        }
       }
+      ++running_;
+      ++taken_;
       runNext(lock);
+      --running_;
+    }
+  }
+
+  void monitor() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      monitorWakeup_.wait(lock, [this] { return monitorArmed_; });
+      const uint64_t takenBefore = taken_;
+      const auto deadline = std::chrono::steady_clock::now() + kStall;
+      while (std::chrono::steady_clock::now() < deadline) {
+        monitorWakeup_.wait_until(lock, deadline);
+      }
+      if (tasks_.empty()) {
+        monitorArmed_ = false;
+      } else if (taken_ == takenBefore) {
+        if (idle_ + starting_ > 0) {
+          wakeup_.notify_one();
+        } else {
+          addThread();
+        }
+      }
     }
   }
 
   std::condition_variable wakeup_;
-  size_t idle_ = 0;                           // guarded by mutex_
-  size_t threads_ = 0;                        // guarded by mutex_
+  std::condition_variable monitorWakeup_;
+  // --- guarded by mutex_ ---
+  size_t idle_ = 0;      // threads waiting for a task
+  size_t starting_ = 0;  // threads started that have not looked for a task yet
+  size_t running_ = 0;   // tasks running
+  size_t threads_ = 0;
+  uint64_t taken_ = 0;   // tasks taken so far
+  bool monitorStarted_ = false;
+  bool monitorArmed_ = false;  // tasks wait past the eager threads: the monitor watches them
 };
 
 // Serial queue: one thread, tasks in posting order.

@@ -1,12 +1,10 @@
 #include "Audio/Platform/OutputQueue/ClockedDevice.h"
 
-#include <pthread.h>
-
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <system_error>
-#include <vector>
+
+#include "Audio/Platform/OutputQueue/DeviceClock.h"
 
 namespace {
 constexpr uint32_t kPeriodsPerSecond = 100;
@@ -18,58 +16,52 @@ ClockedDevice::ClockedDevice(uint32_t sampleRate, uint32_t channels, double spee
                              Sink sink)
     : sampleRate_(sampleRate),
       channels_(channels),
-      speed_(speed),
       periodFrames_(uint32_t(std::clamp(std::lround(sampleRate * speed / kPeriodsPerSecond), 1L, long(sampleRate)))),
       latencyFrames_(latencyFrames),
+      period_(std::chrono::duration_cast<Clock::duration>(
+          std::chrono::duration<double>(double(periodFrames_) / sampleRate_ / speed))),
       sink_(std::move(sink)) {}
 
 ClockedDevice::~ClockedDevice() { stop(); }
 
 OSStatus ClockedDevice::start(RenderSource& source) {
-  if (thread_.joinable()) {
+  if (source_ != nullptr) {
     return noErr;
   }
-  stopping_ = false;
+  source_ = &source;
+  buffer_.resize(size_t(periodFrames_) * channels_);
+  next_ = Clock::now();
+  onGrid_ = false;
   try {
-    thread_ = std::thread([this, &source] { run(source); });
+    DeviceClock::instance().add(*this);
   } catch (const std::system_error&) {
-    return kAudioQueueErr_DeviceFailed;
+    source_ = nullptr;
+    return kAudioQueueErr_DeviceFailed;  // the clock thread could not start
   }
   return noErr;
 }
 
 void ClockedDevice::stop() {
-  if (!thread_.joinable()) {
+  if (source_ == nullptr) {
     return;
   }
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stopping_ = true;
-  }
-  wake_.notify_all();
-  thread_.join();
+  DeviceClock::instance().remove(*this);
+  source_ = nullptr;
 }
 
-void ClockedDevice::run(RenderSource& source) {
-  pthread_setname_np(pthread_self(), "audio-clock");
-  using Clock = std::chrono::steady_clock;
-  const auto period = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(double(periodFrames_) / sampleRate_ / speed_));
-  std::vector<int16_t> buffer(size_t(periodFrames_) * channels_);
-  auto next = Clock::now();
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!stopping_) {
-    lock.unlock();
-    const size_t heard = source.render(buffer.data(), periodFrames_, latencyFrames_);
-    if (heard > 0 && sink_) {
-      sink_(buffer.data(), heard);
-    }
-    next += period;
-    const auto now = Clock::now();
-    if (now - next > kGiveUpLag) {
-      next = now;
-    }
-    lock.lock();
-    wake_.wait_until(lock, next, [&] { return stopping_; });
+void ClockedDevice::tick() {
+  const size_t heard = source_->render(buffer_.data(), periodFrames_, latencyFrames_);
+  if (heard > 0 && sink_) {
+    sink_(buffer_.data(), heard);
+  }
+  const auto now = Clock::now();
+  if (!onGrid_ || now - next_ > kGiveUpLag) {
+    // The first period plays at once (start latency); later ones fall on the grid of multiples of
+    // the period that every output of this period shares, so that the clock wakes once for all.
+    const auto sinceEpoch = (now + period_ / 2).time_since_epoch();
+    next_ = Clock::time_point((sinceEpoch + period_ - Clock::duration(1)) / period_ * period_);
+    onGrid_ = true;
+  } else {
+    next_ += period_;
   }
 }

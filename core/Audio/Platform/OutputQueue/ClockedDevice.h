@@ -1,19 +1,20 @@
-// A sound output that is only a clock: a thread of its own pulls one period at a time and hands
-// what is heard to a sink. The null output discards it; the WAV output writes it. In real time a
-// period is 10 ms, as a sound card's; run `speed` times faster, a period holds `speed` times more
-// frames (up to a second of audio) rather than coming more often, so that a benchmark measures the
-// queue's work and not the clock's wake-ups.
+// A sound output that is only a clock: the process's one clock thread pulls a period at a time
+// from every started clocked output and hands what is heard to each one's sink. The null output
+// discards it; the WAV output writes it. In real time a period is 10 ms, as a sound card's; run
+// `speed` times faster, a period holds `speed` times more frames (up to a second of audio) rather
+// than coming more often, so that a benchmark measures the queue's work and not the clock's
+// wake-ups. After the first period, which plays at start, periods fall on a grid that all outputs
+// of the same period share: the clock wakes once a period for all of them, not once for each.
 //
-// The thread renders into a buffer allocated at start and calls the sink outside the render call;
-// start and stop are serialised by the caller. The thread waits on a condition variable, so stop()
-// wakes it at once and joins it.
+// The clock thread renders into a buffer of the output's own, allocated at start, and calls the
+// sink outside the render call. Start and stop are serialised by the caller; stop() returns once
+// the clock thread is not in this output's render or sink and will not enter them again.
 #pragma once
 
-#include <condition_variable>
+#include <chrono>
 #include <cstdint>
 #include <functional>
-#include <mutex>
-#include <thread>
+#include <vector>
 
 #include "Audio/Platform/OutputQueue/OutputDevice.h"
 
@@ -33,17 +34,21 @@ class ClockedDevice final : public OutputDevice {
   void stop() override;
 
  private:
-  // The clock thread.
-  void run(RenderSource& source);
+  friend class DeviceClock;
+  using Clock = std::chrono::steady_clock;
+
+  // The clock thread: one period, and when the next is due.
+  void tick();
 
   const uint32_t sampleRate_;
   const uint32_t channels_;
-  const double speed_;
   const uint32_t periodFrames_;
   const uint32_t latencyFrames_;
+  const Clock::duration period_;
   const Sink sink_;
-  std::thread thread_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stopping_ = false;  // guarded by mutex_
+  // --- set by start() before the clock sees the output, then the clock thread's ---
+  RenderSource* source_ = nullptr;
+  std::vector<int16_t> buffer_;
+  Clock::time_point next_;
+  bool onGrid_ = false;  // next_ is on the period's grid
 };

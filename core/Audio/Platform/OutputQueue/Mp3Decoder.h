@@ -5,7 +5,7 @@
 // and is counted; the decoder is reset when such a packet leaves bytes behind, so that they cannot
 // spoil the next one. No gapless trimming: the output is the plain decode of the packets given.
 //
-// Not thread-safe: used by the queue's callback thread only.
+// Not thread-safe: used by the queue's render pass only.
 #pragma once
 
 #include <atomic>

@@ -33,7 +33,7 @@ class OutputDevice {
   // Frames per second the device consumes; fixed from opening on.
   virtual uint32_t sampleRate() const = 0;
   // The most frames one render() call asks for; fixed from opening on. The queue keeps several
-  // periods in its ring, so that a period never finds it short while the queue's thread is awake.
+  // periods in its ring, so that a period never finds it short while the queue's render pass comes.
   virtual uint32_t periodFrames() const = 0;
 
   // Begins pulling from source, which must outlive the device or the next stop(). Returns noErr or

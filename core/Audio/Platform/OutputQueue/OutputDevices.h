@@ -48,10 +48,10 @@ AUDIOBUFPLAYER_EXPORT std::vector<std::string> PortAudioOutputNames();
 
 // Moves the manual clock of `queue` by `frames` frames of its sound output, on the calling thread,
 // as its sound output would, period by period (10 ms). Before each period it waits until the
-// queue's callback thread has done all it can (rendered as far as the ring allows, delivered every
-// callback that is due), so the outcome depends only on the calls made before. What is heard is
-// appended to *heard (interleaved; may be null). frames 0 only waits. Called from the queue's own
-// callback thread it does not wait. Do not call it while a callback of the queue waits for the
+// queue has done all it can (rendered as far as the ring allows, delivered every callback that is
+// due), so the outcome depends only on the calls made before. What is heard is appended to *heard
+// (interleaved; may be null). frames 0 only waits. Called from one of the queue's own callbacks it
+// does not wait. Do not call it while a callback of the queue waits for the
 // caller. Fails with kAudioQueueErr_InvalidQueue for an unknown or disposed queue and with
 // kAudioQueueErr_InvalidParameter when the queue does not play through a manual clock.
 AUDIOBUFPLAYER_EXPORT OSStatus AudioOutputManualAdvance(AudioQueueRef queue, uint32_t frames,

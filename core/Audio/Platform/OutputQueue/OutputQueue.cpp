@@ -1,5 +1,6 @@
-// The API side of OutputQueue: each operation changes the state under mutex_ and wakes the
-// callback thread, which does the rendering and the calling back (OutputQueueThread.cpp).
+// The API side of OutputQueue: each operation changes the state under mutex_ and asks for a render
+// pass (OutputQueueRender.cpp), which renders and hands the callbacks to the delivery
+// (OutputQueueDelivery.cpp).
 #include "Audio/Platform/OutputQueue/OutputQueue.h"
 
 #include <algorithm>
@@ -11,11 +12,13 @@
 #include "Audio/Platform/OutputQueue/BufferHandleArena.h"
 #include "Audio/Platform/OutputQueue/ManualDevice.h"
 #include "Audio/Platform/OutputQueue/QueueRegistry.h"
+#include "Audio/Platform/OutputQueue/RenderEngine.h"
 
 namespace {
-// Room for the thread that renders to be late: a quarter of a second of audio, and at least this
-// many periods of the sound output.
-constexpr uint32_t kRingMilliseconds = 250;
+// Room for the render pass to be late: half a second of audio, and at least this many periods of
+// the sound output. A pass fills the ring and the next comes when it is half empty, so that a
+// queue's render thread wakes about four times a second of audio, not once a period.
+constexpr uint32_t kRingMilliseconds = 500;
 constexpr size_t kRingPeriods = 4;
 // Pauses and immediate stops fade out over this long, resumes fade in.
 constexpr uint32_t kFadeMilliseconds = 5;
@@ -42,11 +45,12 @@ std::shared_ptr<OutputQueue> OutputQueue::create(AudioQueueRef handle, const Aud
     return nullptr;
   }
   try {
-    std::thread([queue] { queue->runCallbackThread(); }).detach();
+    RenderEngine::instance();  // its threads start here, never inside the sound output's callback
   } catch (const std::system_error&) {
     *status = kAudioQueueErr_OutOfMemory;
     return nullptr;
   }
+  queue->keepAlive_ = queue;
   return queue;
 }
 
@@ -61,7 +65,7 @@ OutputQueue::OutputQueue(AudioQueueRef handle, const AudioStreamBasicDescription
       outputRate_(device->sampleRate()),
       ring_(std::max({size_t(outputRate_) * kRingMilliseconds / 1000, kRingPeriods * device->periodFrames(), size_t(2048)}),
             format.mChannelsPerFrame),
-      playout_(ring_, outputRate_ * kFadeMilliseconds / 1000, wakeup_),
+      playout_(ring_, outputRate_ * kFadeMilliseconds / 1000, *this),
       renderer_(format, outputRate_, status),
       device_(std::move(device)) {}
 
@@ -148,11 +152,12 @@ OSStatus OutputQueue::enqueue(AudioQueueBufferRef buffer, uint32_t packetCount,
   }
   record.byteSize = size;
   record.enqueued = true;
-  // A thread busy with earlier buffers finds this one when it gets to it; waking it for every buffer
-  // would double the context switches of a producer that keeps ahead.
-  if (threadWantsEntries_) {
-    threadWantsEntries_ = false;
-    wakeup_.notify();
+  // A pass busy with earlier buffers finds this one when the ring has room for it, and so does the
+  // pass that comes when the ring falls to half: asking for a pass for every buffer would double
+  // the wake-ups of a producer that keeps ahead.
+  if (renderWantsEntries_ && ring_.writePosition() - ring_.readPosition() <= ring_.capacity() / 2) {
+    renderWantsEntries_ = false;
+    requestRender();
   }
   return noErr;
 }
@@ -182,14 +187,14 @@ OSStatus OutputQueue::start() {
     running_ = true;
     ++run_;
     playout_.endAt(Playout::kNoEnd);  // a finished drain's end, kept until now
-    events_.push_back(Event{nullptr});
+    pushEvent(Event{nullptr});
     if (firstStartNanos_ == 0) {
       firstStartNanos_ = steadyNanos();
     }
   }
   paused_ = false;
   publishControl();
-  wakeup_.notify();
+  requestRender();
   return noErr;
 }
 
@@ -212,7 +217,7 @@ OSStatus OutputQueue::stop(bool immediate) {
     if (running_ && !draining_) {
       draining_ = true;
       entries_.push_back(Entry{nullptr});
-      wakeup_.notify();
+      requestRender();
     }
     return noErr;
   }
@@ -221,24 +226,24 @@ OSStatus OutputQueue::stop(bool immediate) {
 }
 
 void OutputQueue::stopNow() {
-  // The callback thread may be rendering one of these buffers right now; they stay enqueued until
-  // it delivers their callbacks, and it drops what it rendered of them when it carries out the stop.
+  // The render pass may be reading one of these buffers right now: their callbacks are held until
+  // it carries out the stop, and it drops what it rendered of them then.
+  ++stopsRequested_;
   for (const Entry& entry : entries_) {
     if (entry.record != nullptr) {
-      events_.push_back(Event{entry.record});
+      pushEvent(Event{entry.record});
     }
   }
   entries_.clear();
   rendered_ = 0;
   draining_ = false;
-  ++stopsRequested_;
   if (running_) {
     running_ = false;
-    events_.push_back(Event{nullptr});
+    pushEvent(Event{nullptr});
   }
   paused_ = false;
   publishControl();
-  wakeup_.notify();
+  requestRender();
 }
 
 OSStatus OutputQueue::loseDevice() {
@@ -263,7 +268,7 @@ void OutputQueue::dispose() {
     device_->stop();  // the sound output never waits for this queue's locks or callbacks
   }
   settled_.notify_all();
-  wakeup_.notify();
+  requestRender();  // the pass retires the render job
 }
 
 OSStatus OutputQueue::currentTime(AudioTimeStamp* outTime) {
@@ -337,10 +342,9 @@ OSStatus OutputQueue::advanceManualOutput(uint32_t frames, std::vector<int16_t>*
   do {
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      if (std::this_thread::get_id() != callbackThread_) {
-        const uint64_t ticket = ++settleTicket_;
-        wakeup_.notify();
-        settled_.wait(lock, [&] { return disposed_ || settledTicket_ >= ticket; });
+      if (!isDelivering()) {
+        requestRender();
+        settled_.wait(lock, [&] { return disposed_ || settled(); });
       }
       if (disposed_) {
         return kAudioQueueErr_InvalidQueue;
@@ -370,6 +374,19 @@ void OutputQueue::addToDrain(BufferRecord& record) {
   end->cancelled = true;
   entries_.push_back(Entry{&record});
   entries_.push_back(Entry{nullptr});
+}
+
+void OutputQueue::pushEvent(Event event) {
+  (stopsApplied_ == stopsRequested_ ? events_ : heldEvents_).push_back(event);
+}
+
+void OutputQueue::requestRender() {
+  ++renderRequests_;
+  wantRender();
+}
+
+bool OutputQueue::settled() const {
+  return renderRequestsDone_ == renderRequests_ && !delivering_ && events_.empty() && heldEvents_.empty();
 }
 
 void OutputQueue::publishControl() {

@@ -4,9 +4,9 @@
 //
 // Synchronised only through the two position atomics. The producer copies in, then publishes the
 // write position (release); the consumer copies out, then publishes the read position. The read
-// position is stored and loaded sequentially consistent because the queue's thread pairs it with a
-// wake-up threshold of its own (Playout::render, OutputQueue's wait): one of the two sides always
-// sees the other's store.
+// position is stored and loaded sequentially consistent because the queue's render pass pairs it
+// with a wake-up threshold of its own (Playout::render, the end of the pass): one of the two sides
+// always sees the other's store.
 #pragma once
 
 #include <atomic>

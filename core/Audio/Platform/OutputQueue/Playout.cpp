@@ -5,9 +5,9 @@
 #include <cmath>
 #include <cstring>
 
-Playout::Playout(PcmRing& ring, uint32_t fadeFrames, Wakeup& wakeup)
+Playout::Playout(PcmRing& ring, uint32_t fadeFrames, RenderJob& job)
     : ring_(ring),
-      wakeup_(wakeup),
+      job_(job),
       fadeFrames_(std::max<uint32_t>(fadeFrames, 1)),
       step_(1.0f / float(fadeFrames_)),
       envelope_(fadeFrames_) {}
@@ -135,7 +135,7 @@ size_t Playout::render(int16_t* out, size_t frames, uint64_t latencyFrames) noex
   const uint64_t heardAfter = heardRead_.load(std::memory_order_relaxed);
   if ((readAfter != readBefore && readAfter >= wakeAtRead_.load(std::memory_order_seq_cst)) ||
       (heardAfter != heardBefore && heardAfter >= wakeAtHeard_.load(std::memory_order_seq_cst))) {
-    wakeup_.notify();
+    job_.wantRender();
   }
   return heard;
 }

@@ -1,10 +1,10 @@
 // The consumer side of a queue's ring: decides, period by period, what the sound output hears.
 //
 // Everything accessed in render() is synchronised only through atomics. The control side (the
-// queue's API calls and its callback thread, serialised by the queue's mutex) publishes the control
+// queue's API calls and its render pass, serialised by the queue's mutex) publishes the control
 // word, the discard and end positions and the volume; render() publishes the read position
-// (through the ring) and the counters, and bumps the queue's Wakeup when the read position reaches
-// the threshold the queue's thread asked for.
+// (through the ring) and the counters, and asks for a render pass of the queue when the read
+// position reaches the threshold the queue's last pass asked for.
 //
 // What is heard, within one run (a run begins with each start from stopped):
 //   nothing until the run's first frame is in the ring (start latency, not an underrun);
@@ -32,13 +32,13 @@
 
 #include "Audio/Platform/OutputQueue/OutputDevice.h"
 #include "Audio/Platform/OutputQueue/PcmRing.h"
-#include "Audio/Platform/OutputQueue/Wakeup.h"
+#include "Audio/Platform/OutputQueue/RenderJob.h"
 
 class Playout final : public RenderSource {
  public:
   static constexpr uint64_t kNoEnd = std::numeric_limits<uint64_t>::max();
 
-  Playout(PcmRing& ring, uint32_t fadeFrames, Wakeup& wakeup);
+  Playout(PcmRing& ring, uint32_t fadeFrames, RenderJob& job);
 
   // Control side, under the queue's mutex: the current run and whether it plays now. A run that
   // does not play (paused, stopped, or waiting for the discard of an immediate stop) is silent.
@@ -53,8 +53,8 @@ class Playout final : public RenderSource {
   bool takeBackEnd(uint64_t position);
   // Any thread: the linear gain, 0 to 1.
   void setVolume(float volume) { volume_.store(volume, std::memory_order_relaxed); }
-  // Queue's thread: bump the Wakeup once the read position reaches `read` or the heard read
-  // position reaches `heard`.
+  // Queue's render pass: ask for the next pass once the read position reaches `read` or the heard
+  // read position reaches `heard`.
   void wakeWhenReached(uint64_t read, uint64_t heard) {
     wakeAtRead_.store(read, std::memory_order_seq_cst);
     wakeAtHeard_.store(heard, std::memory_order_seq_cst);
@@ -62,10 +62,10 @@ class Playout final : public RenderSource {
 
   // Device thread; real-time safe.
   size_t render(int16_t* out, size_t frames, uint64_t latencyFrames) noexcept override;
-  // Any thread; real-time safe. Wakes the queue's thread, which then stops the queue for good.
+  // Any thread; real-time safe. Asks for a render pass, which then stops the queue for good.
   void lost() noexcept override {
     lost_.store(true, std::memory_order_release);
-    wakeup_.notify();
+    job_.wantRender();
   }
   bool isLost() const { return lost_.load(std::memory_order_acquire); }
 
@@ -95,7 +95,7 @@ class Playout final : public RenderSource {
   void publishHeard(size_t frames, uint64_t latencyFrames);
 
   PcmRing& ring_;
-  Wakeup& wakeup_;
+  RenderJob& job_;
   const uint32_t fadeFrames_;
   const float step_;  // gain change per frame: full scale over the fade length
 

@@ -3,7 +3,7 @@
 // The converter holds a few milliseconds of audio inside (its filter's delay); finish() lets them
 // out at the end of a stream, after which the next frames start a new stream.
 //
-// Not thread-safe: used by the queue's callback thread only.
+// Not thread-safe: used by the queue's render pass only.
 #pragma once
 
 #include <cstddef>

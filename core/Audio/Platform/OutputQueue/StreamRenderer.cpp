@@ -5,8 +5,7 @@
 #include <cmath>
 
 namespace {
-// PCM is rendered in pieces of this many bytes, so that the queue's thread looks at its commands
-// between them.
+// PCM is rendered in pieces of this many bytes, so that the staged copy stays small and in cache.
 constexpr uint32_t kPcmPieceBytes = 4096;
 constexpr std::array<double, 9> kMpegRates = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
 

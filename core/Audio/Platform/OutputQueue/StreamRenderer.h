@@ -2,7 +2,7 @@
 // for the queue's ring: linear PCM as one byte stream across buffers, MP3 packet by packet through
 // the decoder, both through the rate converter when the sound output takes another rate.
 //
-// Not thread-safe: used by the queue's callback thread only (failedPackets() excepted).
+// Not thread-safe: used by the queue's render pass only (failedPackets() excepted).
 #pragma once
 
 #include <cstddef>

@@ -5,8 +5,9 @@
 //   come at once on the thread that called playData / appendAudioData, while the player holds its
 //   status mutex: from inside them, call no operation of the player (a transport or request call
 //   made there on the same thread is refused with an ERROR line and has no effect).
-// - playProgressChanged and aboutToEnd come at once on the output queue's callback thread, outside
-//   every lock of the player.
+// - playProgressChanged and aboutToEnd come at once inside the output queue's buffer callback: on a
+//   thread of the global work queue, one callback of that queue at a time and in order, outside
+//   every lock of the player. Blocking there delays the next reports, not the sound.
 // - PlaybackFinished (after the queue played everything), PlayerError, PlayerWasPaused and
 //   PlayerWasResumed come from tasks on the global work queue, in no particular order. The delegate
 //   set when such a report was posted receives it, and is kept alive until it has.

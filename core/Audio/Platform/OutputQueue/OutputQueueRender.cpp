@@ -1,32 +1,23 @@
-// The callback thread of an OutputQueue. Each round of its loop, under mutex_, carries out an
-// immediate stop, collects the entries the sound output has played, takes one callback to deliver
-// and sees what to render next; then, without mutex_, it delivers the callback and renders one
-// piece. With nothing to do it records that it has settled, tells the Playout at which read
-// position to wake it, and waits on the Wakeup, which the API calls and the sound output move.
-#include <pthread.h>
-
+// The render pass of an OutputQueue, on a thread of the RenderEngine. Each round, under mutex_, it
+// carries out an immediate stop, collects the entries the sound output has played into callbacks
+// for the delivery, and sees what to render next; then, without mutex_, it renders the entry until
+// it is done or the ring is full. With nothing left it records that it has settled, tells the
+// Playout at which read or heard position to ask for the next pass, and ends.
 #include <algorithm>
 
 #include "Audio/Platform/OutputQueue/OutputQueue.h"
 #include "Diagnostics/qen_log.h"
 
-void OutputQueue::runCallbackThread() {
-  pthread_setname_np(pthread_self(), "audio-queue");
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    callbackThread_ = std::this_thread::get_id();
-  }
+bool OutputQueue::renderPass() {
   for (;;) {
-    const uint32_t seen = wakeup_.sequence();
-    bool haveEvent = false;
-    Event event{nullptr};
-    uint64_t ticket = 0;
+    uint64_t requests = 0;
+    bool post = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (disposed_) {
-        return;
+        return false;
       }
-      ticket = settleTicket_;
+      requests = renderRequests_;
       if (!deviceLost_ && playout_.isLost()) {
         deviceLost_ = true;
         LOG_ERROR("the sound output was lost: the queue stops");
@@ -34,43 +25,44 @@ void OutputQueue::runCallbackThread() {
       }
       applyImmediateStop();
       collectPlayedEntries(playout_.heardReadPosition());
-      if (!events_.empty()) {
-        event = events_.front();
-        events_.pop_front();
-        haveEvent = true;
-        if (event.record != nullptr) {
-          event.record->enqueued = false;  // from here on the client owns the buffer again
-        }
-      }
       advanceRenderCursor();
+      post = claimDelivery();
     }
-    if (haveEvent) {
-      deliver(event);
+    if (post) {
+      postDelivery();
     }
-    // Rendering goes on between callbacks, so that a burst of them does not starve the ring.
-    if (renderStep() || haveEvent) {
-      continue;
+    bool rendered = false;
+    while (renderStep()) {
+      rendered = true;
+    }
+    if (rendered) {
+      continue;  // the entry may be done: the next round moves on
     }
     WakeThresholds threshold;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (disposed_) {
-        return;
+        return false;
       }
-      if (rendering_ == Rendering::Nothing && rendered_ < entries_.size()) {
-        continue;  // enqueued since this round looked
+      if ((rendering_ == Rendering::Nothing && rendered_ < entries_.size()) || stopsApplied_ != stopsRequested_) {
+        continue;  // changed since this round looked
       }
-      threadWantsEntries_ = rendering_ == Rendering::Nothing;
-      settledTicket_ = ticket;
+      renderWantsEntries_ = rendering_ == Rendering::Nothing;
+      renderRequestsDone_ = requests;
       settled_.notify_all();
       threshold = wakeThresholds();
       playout_.wakeWhenReached(threshold.read, threshold.heard);
     }
-    // The sound output may have passed a threshold before it was set; then it will not wake us.
+    // The sound output may have passed a threshold before it was set; then it will not ask.
     if (ring_.readPosition() < threshold.read && playout_.heardReadPosition() < threshold.heard) {
-      wakeup_.waitPast(seen);
+      return true;
     }
   }
+}
+
+void OutputQueue::retire() {
+  // The engine's last touch: the queue may be destroyed as this returns.
+  std::shared_ptr<OutputQueue> self = std::move(keepAlive_);
 }
 
 void OutputQueue::applyImmediateStop() {
@@ -82,6 +74,8 @@ void OutputQueue::applyImmediateStop() {
   playout_.endAt(Playout::kNoEnd);
   playout_.discardBefore(ring_.writePosition());
   stopsApplied_ = stopsRequested_;
+  events_.insert(events_.end(), heldEvents_.begin(), heldEvents_.end());
+  heldEvents_.clear();
   publishControl();
 }
 
@@ -91,7 +85,7 @@ void OutputQueue::collectPlayedEntries(uint64_t readPosition) {
     entries_.pop_front();
     --rendered_;
     if (entry.record != nullptr) {
-      events_.push_back(Event{entry.record});
+      pushEvent(Event{entry.record});
     } else if (!entry.cancelled) {
       finishDrain();
     }
@@ -102,7 +96,7 @@ void OutputQueue::finishDrain() {
   draining_ = false;
   running_ = false;
   paused_ = false;
-  events_.push_back(Event{nullptr});
+  pushEvent(Event{nullptr});
   // A run of its own for the stopped queue: the Playout then never takes the frames after the end
   // for its run, even if it did not see the end itself. The end stays until the next start.
   ++run_;
@@ -138,10 +132,11 @@ OutputQueue::WakeThresholds OutputQueue::wakeThresholds() const {
   if (rendered_ > 0) {
     threshold.heard = entries_.front().end;  // the next entry to be heard in full
   }
-  const size_t staged = renderer_.stagedFrames();
-  if (staged > 0) {  // waiting for room in the ring; wait for a good part of it
-    const size_t wanted = std::min(staged, ring_.capacity() / 4);
-    threshold.read = ring_.writePosition() + wanted - ring_.capacity();
+  // Above half full (the ring is full, or what was enqueued is in it), the next pass comes when the
+  // ring has fallen to half; below, an enqueue asks for it.
+  const uint64_t write = ring_.writePosition();
+  if (write - ring_.readPosition() > ring_.capacity() / 2) {
+    threshold.read = write - ring_.capacity() / 2;
   }
   return threshold;
 }
@@ -168,22 +163,4 @@ bool OutputQueue::renderStep() {
       return false;
   }
   return false;
-}
-
-void OutputQueue::deliver(const Event& event) {
-  if (event.record != nullptr) {
-    callback_(userData_, handle_, event.record->header);
-    return;
-  }
-  for (size_t i = 0;; ++i) {
-    Listener listener{};
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (disposed_ || i >= listeners_.size()) {
-        return;
-      }
-      listener = listeners_[i];
-    }
-    listener.proc(listener.userData, handle_, kAudioQueueProperty_IsRunning);
-  }
 }
