@@ -6,9 +6,7 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <mutex>
 
-#include "Diagnostics/qen_log_control.h"
 #include "platform/OutputQueueTestSupport.h"
 
 namespace output_queue_test {
@@ -92,27 +90,8 @@ TEST(OutputDevices, WavOutputRecordsTheCanonicalHeaderAndTheAudio) {
   EXPECT_EQ(std::vector<int16_t>(end - 4000, end), std::vector<int16_t>(audio.end() - 4000, audio.end()));
 }
 
-TEST(OutputDevices, DefaultFallsBackToTheNullOutputWithOneLine) {
-  std::mutex mutex;
-  std::string printed;  // guarded by mutex: the queues' threads may log too
-  QEN_TTS::set_log_level(QEN_TTS::QEN_LOG_LEVEL_ERROR);
-  QEN_TTS::set_log_sink([&](std::string_view line) {
-    std::lock_guard<std::mutex> lock(mutex);
-    printed += line;
-  });
-  {
-    TestQueue first(PcmFormat(16000), "default");
-    TestQueue second(PcmFormat(8000), "default");
-  }
-  QEN_TTS::set_log_sink(nullptr);
-  QEN_TTS::set_log_level(QEN_TTS::QEN_LOG_LEVEL_OFF);
-  const auto lines = std::count(printed.begin(), printed.end(), '\n');
-  if (lines == 0) {
-    GTEST_SKIP() << "this machine has a sound output, or the fallback was announced earlier in the process";
-  }
-  EXPECT_EQ(lines, 1) << printed;
-  EXPECT_NE(printed.find("null output"), std::string::npos) << printed;
-}
+// On a machine without a sound output, such as the test machines, through the null output.
+TEST(OutputDevices, DefaultOutputOpensAQueueOnAnyMachine) { TestQueue queue(PcmFormat(16000), "default"); }
 
 }  // namespace
 }  // namespace output_queue_test
