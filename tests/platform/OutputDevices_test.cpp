@@ -1,5 +1,4 @@
-// The sound outputs a host program chooses. The null output runs the other tests; a real one is
-// heard in SoundServer_test.cpp.
+// The sound outputs a host program chooses; a real one is heard in SoundServer_test.cpp.
 #include <unistd.h>
 
 #include <algorithm>

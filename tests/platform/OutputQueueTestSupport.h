@@ -18,7 +18,6 @@ namespace output_queue_test {
 
 // Waits that take longer than this have failed; the test reports it instead of hanging.
 constexpr auto kDeadline = std::chrono::seconds(20);
-constexpr double kDeadlineSeconds = 20;
 
 inline AudioStreamBasicDescription PcmFormat(double rate, uint32_t channels = 1) {
   return {rate, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
@@ -93,7 +92,7 @@ class TestQueue {
   }
   ~TestQueue() {
     AudioQueueDispose(queue_, true);
-    EXPECT_TRUE(AudioQueueWaitForReleases(kDeadlineSeconds));
+    EXPECT_TRUE(AudioQueueWaitForReleases(std::chrono::duration<double>(kDeadline).count()));
   }
   TestQueue(const TestQueue&) = delete;
   TestQueue& operator=(const TestQueue&) = delete;
