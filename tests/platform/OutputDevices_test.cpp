@@ -36,11 +36,6 @@ TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
   }
 }
 
-std::vector<uint8_t> ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 // The canonical 44-byte header of 16-bit PCM.
 std::vector<uint8_t> WavHeader(uint32_t rate, uint16_t channels, uint32_t dataBytes) {
   std::vector<uint8_t> wav;
@@ -77,7 +72,8 @@ TEST(OutputDevices, WavOutputRecordsTheCanonicalHeaderAndTheAudio) {
     ASSERT_EQ(AudioQueueStop(queue.handle(), false), noErr);
     ASSERT_TRUE(queue.log().waitUntilStopped());
   }
-  const std::vector<uint8_t> file = ReadFile(path);
+  std::ifstream in(path, std::ios::binary);
+  const std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   std::remove(path.c_str());
   ASSERT_GE(file.size(), 44u);
   const auto dataBytes = uint32_t(file.size() - 44);

@@ -31,8 +31,7 @@ inline std::vector<int16_t> Ramp(size_t samples, int16_t first = 1) {
   return ramp;
 }
 
-// A returned buffer, or (buffer null) a running-state change with the IsRunning value the listener
-// read.
+// A returned buffer, or (buffer null) the IsRunning value read on a running-state change.
 struct Callback {
   AudioQueueBufferRef buffer;
   uint32_t running;
