@@ -1,15 +1,11 @@
-// The sound outputs a host program chooses. The null output runs the other tests; a real one is
-// heard in SoundServer_test.cpp.
+// The sound outputs a host program chooses; a real one is heard in SoundServer_test.cpp.
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <memory>
-#include <mutex>
 
-#include "Diagnostics/qen_log_control.h"
 #include "platform/OutputQueueTestSupport.h"
 
 namespace output_queue_test {
@@ -40,11 +36,6 @@ TEST(OutputDevices, OnlyTheDocumentedOutputsCanBeSelected) {
   }
 }
 
-std::vector<uint8_t> ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 // The canonical 44-byte header of 16-bit PCM.
 std::vector<uint8_t> WavHeader(uint32_t rate, uint16_t channels, uint32_t dataBytes) {
   std::vector<uint8_t> wav;
@@ -67,66 +58,35 @@ std::vector<uint8_t> WavHeader(uint32_t rate, uint16_t channels, uint32_t dataBy
   return wav;
 }
 
-// One file per queue, numbered from the chosen name, holding what was heard: the audio, with the
-// silence the output writes whenever the open queue has nothing to play. A start may find the first
-// buffer not yet rendered and fade it in, so only the end of the audio must be exact.
-TEST(OutputDevices, WavOutputRecordsEachQueueInAFileOfItsOwn) {
-  const std::string base = ::testing::TempDir() + "/outputdevices-" + std::to_string(getpid());
-  const struct {
-    std::string path;
-    AudioStreamBasicDescription format;
-    std::vector<int16_t> audio;  // not ending in silence
-  } queues[] = {{base + ".wav", PcmFormat(8000), Ramp(9000)},
-                {base + "-2.wav", PcmFormat(22050, 2), Ramp(20000, -5000)},
-                {base + "-3.wav", PcmFormat(44100), Ramp(5000)}};
-  ASSERT_EQ(AudioOutputSelect("wav:" + queues[0].path, 4), noErr);
+// Every header field, in stereo, which the end-to-end recordings do not reach. A start may fade in
+// a buffer not yet rendered, and the output writes silence while the open queue has nothing to
+// play: only the end of the audio must be exact.
+TEST(OutputDevices, WavOutputRecordsTheCanonicalHeaderAndTheAudio) {
+  const std::string path = ::testing::TempDir() + "/outputdevices-" + std::to_string(getpid()) + ".wav";
+  const std::vector<int16_t> audio = Ramp(20000, -5000);
+  ASSERT_EQ(AudioOutputSelect("wav:" + path, 4), noErr);
   {
-    std::vector<std::unique_ptr<TestQueue>> open;
-    for (const auto& recorded : queues) {
-      open.push_back(std::make_unique<TestQueue>(recorded.format, ""));
-      open.back()->enqueue(recorded.audio);
-      ASSERT_EQ(AudioQueueStart(open.back()->handle(), nullptr), noErr);
-      ASSERT_EQ(AudioQueueStop(open.back()->handle(), false), noErr);
-      ASSERT_TRUE(open.back()->log().waitUntilStopped());
-    }
+    TestQueue queue(PcmFormat(22050, 2), "");
+    queue.enqueue(audio);
+    ASSERT_EQ(AudioQueueStart(queue.handle(), nullptr), noErr);
+    ASSERT_EQ(AudioQueueStop(queue.handle(), false), noErr);
+    ASSERT_TRUE(queue.log().waitUntilStopped());
   }
-  for (const auto& recorded : queues) {
-    const std::vector<uint8_t> file = ReadFile(recorded.path);
-    ASSERT_GE(file.size(), 44u) << recorded.path;
-    const auto dataBytes = uint32_t(file.size() - 44);
-    EXPECT_EQ(std::vector<uint8_t>(file.begin(), file.begin() + 44),
-              WavHeader(uint32_t(recorded.format.mSampleRate), uint16_t(recorded.format.mChannelsPerFrame), dataBytes));
-    std::vector<int16_t> heard(dataBytes / 2);
-    std::memcpy(heard.data(), file.data() + 44, heard.size() * 2);
-    const auto end = std::find_if(heard.rbegin(), heard.rend(), [](int16_t sample) { return sample != 0; }).base();
-    ASSERT_GE(end - heard.begin(), 4000) << recorded.path;
-    const std::vector<int16_t> tail(recorded.audio.end() - 4000, recorded.audio.end());
-    EXPECT_EQ(std::vector<int16_t>(end - 4000, end), tail) << recorded.path;
-    std::remove(recorded.path.c_str());
-  }
+  std::ifstream in(path, std::ios::binary);
+  const std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::remove(path.c_str());
+  ASSERT_GE(file.size(), 44u);
+  const auto dataBytes = uint32_t(file.size() - 44);
+  EXPECT_EQ(std::vector<uint8_t>(file.begin(), file.begin() + 44), WavHeader(22050, 2, dataBytes));
+  std::vector<int16_t> heard(dataBytes / 2);
+  std::memcpy(heard.data(), file.data() + 44, heard.size() * 2);
+  const auto end = std::find_if(heard.rbegin(), heard.rend(), [](int16_t sample) { return sample != 0; }).base();
+  ASSERT_GE(end - heard.begin(), 4000);
+  EXPECT_EQ(std::vector<int16_t>(end - 4000, end), std::vector<int16_t>(audio.end() - 4000, audio.end()));
 }
 
-TEST(OutputDevices, DefaultFallsBackToTheNullOutputWithOneLine) {
-  std::mutex mutex;
-  std::string printed;  // guarded by mutex: the queues' threads may log too
-  QEN_TTS::set_log_level(QEN_TTS::QEN_LOG_LEVEL_ERROR);
-  QEN_TTS::set_log_sink([&](std::string_view line) {
-    std::lock_guard<std::mutex> lock(mutex);
-    printed += line;
-  });
-  {
-    TestQueue first(PcmFormat(16000), "default");
-    TestQueue second(PcmFormat(8000), "default");
-  }
-  QEN_TTS::set_log_sink(nullptr);
-  QEN_TTS::set_log_level(QEN_TTS::QEN_LOG_LEVEL_OFF);
-  const auto lines = std::count(printed.begin(), printed.end(), '\n');
-  if (lines == 0) {
-    GTEST_SKIP() << "this machine has a sound output, or the fallback was announced earlier in the process";
-  }
-  EXPECT_EQ(lines, 1) << printed;
-  EXPECT_NE(printed.find("null output"), std::string::npos) << printed;
-}
+// On a machine without a sound output, such as the test machines, through the null output.
+TEST(OutputDevices, DefaultOutputOpensAQueueOnAnyMachine) { TestQueue queue(PcmFormat(16000), "default"); }
 
 }  // namespace
 }  // namespace output_queue_test

@@ -170,7 +170,7 @@ TEST(OutputQueueLifecycle, DisposeNeverWaitsForACallbackAndNoCallbackFollowsIt) 
       EXPECT_EQ(disposal.startAfterwards, kAudioQueueErr_InvalidQueue);
       held.unlock();
     }
-    ASSERT_TRUE(AudioQueueWaitForReleases(kDeadlineSeconds));
+    ASSERT_TRUE(AudioQueueWaitForReleases(std::chrono::duration<double>(kDeadline).count()));
     // The start's running-state change comes before the first buffer.
     EXPECT_EQ(disposal.callbacks.load(), by == DisposedBy::RunningListener ? 1 : 2) << "a callback after disposal";
   }

@@ -18,7 +18,6 @@ std::vector<int16_t> Concat(const Parts&... parts) {
 
 std::vector<int16_t> Steady(size_t frames) { return std::vector<int16_t>(frames, kLevel); }
 
-// Samples that only fall, from below kLevel to about 0, within kFadeFrames.
 void ExpectFadeOut(const std::vector<int16_t>& heard) {
   ASSERT_FALSE(heard.empty());
   EXPECT_LE(heard.size(), kFadeFrames);

@@ -18,7 +18,6 @@ namespace output_queue_test {
 
 // Waits that take longer than this have failed; the test reports it instead of hanging.
 constexpr auto kDeadline = std::chrono::seconds(20);
-constexpr double kDeadlineSeconds = 20;
 
 inline AudioStreamBasicDescription PcmFormat(double rate, uint32_t channels = 1) {
   return {rate, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
@@ -32,8 +31,7 @@ inline std::vector<int16_t> Ramp(size_t samples, int16_t first = 1) {
   return ramp;
 }
 
-// A returned buffer, or (buffer null) a running-state change with the IsRunning value the listener
-// read.
+// A returned buffer, or (buffer null) the IsRunning value read on a running-state change.
 struct Callback {
   AudioQueueBufferRef buffer;
   uint32_t running;
@@ -93,7 +91,7 @@ class TestQueue {
   }
   ~TestQueue() {
     AudioQueueDispose(queue_, true);
-    EXPECT_TRUE(AudioQueueWaitForReleases(kDeadlineSeconds));
+    EXPECT_TRUE(AudioQueueWaitForReleases(std::chrono::duration<double>(kDeadline).count()));
   }
   TestQueue(const TestQueue&) = delete;
   TestQueue& operator=(const TestQueue&) = delete;

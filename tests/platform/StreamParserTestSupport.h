@@ -75,11 +75,7 @@ struct ReportedFormat {
 struct ParsedStream {
   std::vector<Bytes> packets;
   std::vector<ReportedFormat> formats;
-  std::vector<OSStatus> statuses;  // of every AudioFileStreamParseBytes call
-
-  bool Failed() const {
-    return std::any_of(statuses.begin(), statuses.end(), [](OSStatus status) { return status != noErr; });
-  }
+  bool failed = false;  // a call of AudioFileStreamParseBytes did not return noErr
 };
 
 // Feeds a whole stream to a new parser in chunks of the sizes nextChunkSize returns (by default in
@@ -119,7 +115,9 @@ inline ParsedStream ParseInChunks(const Bytes& bytes, std::function<size_t()> ne
   for (size_t from = 0; from <= bytes.size();) {
     const size_t size = std::min(nextChunkSize ? nextChunkSize() : bytes.size(), bytes.size() - from);
     const Bytes chunk(bytes.begin() + long(from), bytes.begin() + long(from + size));
-    recorder.parsed.statuses.push_back(AudioFileStreamParseBytes(recorder.stream, uint32_t(size), chunk.data(), 0));
+    const OSStatus status = AudioFileStreamParseBytes(recorder.stream, uint32_t(size), chunk.data(), 0);
+    EXPECT_TRUE(status != noErr || !recorder.parsed.failed) << "a failed stream took more bytes";
+    recorder.parsed.failed |= status != noErr;
     from += std::max<size_t>(size, 1);
   }
   EXPECT_EQ(noErr, AudioFileStreamClose(recorder.stream));
