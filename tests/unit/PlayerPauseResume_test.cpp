@@ -2,7 +2,8 @@
 // The decision table of pauseIfNeeded and resumeIfNeeded over the three bits, with their TRACE
 // lines showing the masked values (0/8, 0/4, 0/1024); a refused or failed restart;
 // session interruptions delivered by the session to a managing player: during play, after a
-// refused resume, during a client's pause, with no request, without a type and with an unknown type.
+// refused resume, during a client's pause, reaching the next sentence before it listens, with no
+// request, without a type and with an unknown type.
 // Not here: the first start's refusals (playback tests), pause and resume called twice (transport
 // tests). That nothing follows a notification is checked once the session has delivered it, which
 // is all the handler's work.
@@ -148,6 +149,18 @@ TEST_F(InterruptionTest, InterruptionDuringTheClientsPauseLeavesTheRestartToResu
   const std::vector<DelegateEvent> events = deliveredEvents();
   EXPECT_EQ(sources(events), (std::vector{AudioBufPlayerPauseSource_USER, AudioBufPlayerPauseSource_INTERRUPT}));
   EXPECT_EQ(eventsNamed(events, "PlayerWasResumed").size(), 1u);
+}
+
+TEST_F(InterruptionTest, InterruptionThatReachesTheNextSentenceBeforeItListensHoldsNothing) {
+  // The session's call got past the subscription check, then waited for the mutex while the
+  // sentence that listened ended and the next one, which listens from its first start, began.
+  player->stop();
+  player->start();
+  ASSERT_FALSE(peer().isListeningInterruptions());
+  peer().setStatus(AudioBufPlayer::PS_ACTIVE);
+  player->audioSessionInterrupted(interruptionNotification(AVAudioSessionInterruptionTypeBegan));
+  EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE) << "a hold that no interruption's end would lift";
+  EXPECT_EQ(sources(deliveredEvents()), std::vector<AudioBufPlayerPauseSource>{});
 }
 
 TEST_F(InterruptionTest, InterruptionWithoutRequestLeavesNoTrace) {
