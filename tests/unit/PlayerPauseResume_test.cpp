@@ -2,8 +2,8 @@
 // The decision table of pauseIfNeeded and resumeIfNeeded over the three bits, with their TRACE
 // lines showing the masked values (0/8, 0/4, 0/1024); a refused or failed restart;
 // session interruptions delivered by the session to a managing player: during play, after a
-// refused resume, during a client's pause, reaching the next sentence before it listens, with no
-// request, without a type and with an unknown type.
+// refused resume, during a client's pause, reaching the next sentence before it listens, outliving
+// its listener through a change of format, with no request, without a type and with an unknown type.
 // Not here: the first start's refusals (playback tests), pause and resume called twice (transport
 // tests). That nothing follows a notification is checked once the session has delivered it, which
 // is all the handler's work.
@@ -161,6 +161,20 @@ TEST_F(InterruptionTest, InterruptionThatReachesTheNextSentenceBeforeItListensHo
   player->audioSessionInterrupted(interruptionNotification(AVAudioSessionInterruptionTypeBegan));
   EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE) << "a hold that no interruption's end would lift";
   EXPECT_EQ(sources(deliveredEvents()), std::vector<AudioBufPlayerPauseSource>{});
+}
+
+TEST_F(InterruptionTest, HoldThatOutlivedItsListenerEndsWithTheInterruptionAtTheNewQueuesStart) {
+  ASSERT_TRUE(fake::beginInterruption());
+  // A change of format mid-sentence replaces the queue and closes the session use that listened.
+  const AudioStreamBasicDescription pcm16k{
+      16000.0, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2, 1, 2, 1, 16, 0};
+  ASSERT_EQ(peer().openAudioQueue(pcm16k), noErr);
+  ASSERT_FALSE(peer().isListeningInterruptions());
+  auto producer = std::async(std::launch::async, [&] { return append(testBytes(kBuffer), kPCM16K); });
+  const StopOnExit stopOnFailure(*player);
+  ASSERT_TRUE(fake::endInterruption());  // before or after the producer waits: either way it goes on
+  ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
+  EXPECT_EQ(peer().status(), kPlaying);
 }
 
 TEST_F(InterruptionTest, InterruptionWithoutRequestLeavesNoTrace) {
