@@ -12,6 +12,7 @@ class AudioBufPlayerTestPeer {
   explicit AudioBufPlayerTestPeer(const std::shared_ptr<AudioBufPlayer>& player) : p_(*player) {}
 
   uint16_t status() const { return p_.playerStatus.load(); }
+  void setStatus(uint16_t status) { p_.playerStatus.store(status); }
   static int32_t sessionUsageCount() {
     std::lock_guard lock(AudioBufPlayer::classLock());
     return AudioBufPlayer::audioSessionUsageCount;

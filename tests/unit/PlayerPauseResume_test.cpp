@@ -93,4 +93,32 @@ TEST_F(InterruptionTest, InterruptionWithoutRequestLeavesNoTrace) {
   EXPECT_EQ(eventsNamed(deliveredEvents(), "PlayerWasPaused").size(), 0u);
 }
 
+// The session's call got past the subscription check, then waited for the mutex while the sentence
+// that listened ended and the next one, which listens only from its first start, began.
+TEST_F(InterruptionTest, InterruptionThatReachesTheNextSentenceBeforeItListensHoldsNothing) {
+  player->stop();
+  player->start();
+  ASSERT_FALSE(peer().isListeningInterruptions());
+  peer().setStatus(AudioBufPlayer::PS_ACTIVE);
+  player->audioSessionInterrupted(Notification{AVAudioSessionInterruptionNotification,
+                                               std::map<std::string, int64_t>{{AVAudioSessionInterruptionTypeKey, 1}}});
+  EXPECT_EQ(peer().status(), AudioBufPlayer::PS_ACTIVE) << "a hold that no interruption's end would lift";
+  EXPECT_TRUE(eventsNamed(deliveredEvents(), "PlayerWasPaused").empty());
+}
+
+// A change of format mid-sentence replaces the queue and closes the session use that listened; the
+// new queue's first start must still hear the interruption's end, before or after the producer waits.
+TEST_F(InterruptionTest, HoldThatOutlivedItsListenerEndsWithTheInterruptionAtTheNewQueuesStart) {
+  ASSERT_TRUE(fake::beginInterruption());
+  const AudioStreamBasicDescription pcm16k{
+      16000.0, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2, 1, 2, 1, 16, 0};
+  ASSERT_EQ(peer().openAudioQueue(pcm16k), noErr);
+  ASSERT_FALSE(peer().isListeningInterruptions());
+  auto producer = std::async(std::launch::async, [&] { return append(testBytes(kBuffer), kPCM16K); });
+  const StopOnExit stopOnFailure(*player);
+  ASSERT_TRUE(fake::endInterruption());
+  ASSERT_EQ(producer.wait_for(fake::kWaitTimeout), std::future_status::ready);
+  EXPECT_EQ(peer().status(), kPlaying);
+}
+
 }  // namespace

@@ -15,6 +15,14 @@ void AudioBufPlayer::audioSessionInterrupted(const Notification& notification) {
   std::lock_guard lock(playerStatusMutex);
   if (!hasStatus(PS_ACTIVE)) return;
   if (interruptionType == AVAudioSessionInterruptionTypeBegan) {
+    {
+      // The notification centre skips a player that has unsubscribed, but not a call already on its
+      // way and waiting for the mutex: the request that listened may have ended since, and this one
+      // does not listen yet. Held now, it would never hear the end, which passes the player by; if
+      // the interruption lasts, this request's first start is refused and it listens then.
+      std::lock_guard sessionLock(objectLock);
+      if (!isListeningInterruptions) return;
+    }
     LOG_DEBUG("AudioSession interruption began");
     setStatus(PS_INTERRUPTED);
     pauseIfNeeded();

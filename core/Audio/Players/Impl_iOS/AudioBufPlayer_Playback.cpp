@@ -17,7 +17,17 @@ constexpr double kSessionHoldAfterPlayback = 0.8;
 void AudioBufPlayer::beginPlaying() {
   if (hasStatus(PS_QUEUE_STARTED)) return;
   for (;;) {
-    while (hasStatus(PS_USER_PAUSED | PS_INTERRUPTED) && hasStatus(PS_ACTIVE)) waitForStatusChange();
+    while (hasStatus(PS_USER_PAUSED | PS_INTERRUPTED) && hasStatus(PS_ACTIVE)) {
+      // The hold may have outlived the session use that listened for its end: a change of stream
+      // format mid-sentence replaces the queue and closes its use. Listening again, the end can no
+      // longer pass by; if it already has, nothing else would lift the hold.
+      if (hasStatus(PS_INTERRUPTED) && keepListeningForInterruptionEnd() &&
+          !AudioSession::sharedInstance().isInterrupted()) {
+        liftHold(PS_INTERRUPTED);
+        continue;
+      }
+      waitForStatusChange();
+    }
     if (!hasStatus(PS_ACTIVE)) return;
     setOrResetAVSession(false);
     const OSStatus status = AudioQueueStart(audioQueue, nullptr);
