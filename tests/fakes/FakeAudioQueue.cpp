@@ -73,12 +73,6 @@ Queue queue(int id) {
 
 Queue lastQueue() { return queue(0); }
 
-size_t queueCount() {
-  const auto world = fake::world();
-  std::lock_guard lock(world->mutex);
-  return world->queues.size();
-}
-
 }  // namespace fake
 
 namespace {

@@ -91,7 +91,6 @@ class Queue {
   std::shared_ptr<FakeQueue> queue_;  // null when the test asked for a queue that does not exist
 };
 
-size_t queueCount();
 // Fails the test when there is no such queue.
 Queue queue(int id);
 Queue lastQueue();

@@ -1,4 +1,4 @@
-// Plan: a client that blocks inside a callback holds up only that queue's later callbacks, never
+// A client that blocks inside a callback holds up only that queue's later callbacks, never
 // its sound: with 2 s of audio queued on the real-time null output, a buffer callback that blocks
 // for 1 s (longer than the queue renders ahead) causes no underrun, and every buffer still comes
 // back once, in order, after being heard.
@@ -40,12 +40,13 @@ TEST(OutputQueueSlowCallback, ABlockingCallbackDelaysOnlyCallbacksNotTheSound) {
   const AudioStreamBasicDescription format = PcmFormat(16000);
   AudioQueueRef queue = nullptr;
   ASSERT_EQ(AudioQueueNewOutput(&format, &SlowClient::BufferDone, &client, nullptr, nullptr, 0, &queue), noErr);
-  const std::vector<uint8_t> bytes = BytesOf(Ramp(kFramesPerBuffer));
+  const std::vector<int16_t> samples = Ramp(kFramesPerBuffer);
+  const uint32_t bytes = uint32_t(samples.size() * sizeof(int16_t));
   std::vector<AudioQueueBufferRef> enqueued(kBuffers);
   for (AudioQueueBufferRef& buffer : enqueued) {
-    ASSERT_EQ(AudioQueueAllocateBuffer(queue, uint32_t(bytes.size()), &buffer), noErr);
-    std::memcpy(buffer->mAudioData, bytes.data(), bytes.size());
-    buffer->mAudioDataByteSize = uint32_t(bytes.size());
+    ASSERT_EQ(AudioQueueAllocateBuffer(queue, bytes, &buffer), noErr);
+    std::memcpy(buffer->mAudioData, samples.data(), bytes);
+    buffer->mAudioDataByteSize = bytes;
     ASSERT_EQ(AudioQueueEnqueueBuffer(queue, buffer, 0, nullptr), noErr);
   }
   ASSERT_EQ(AudioQueueStart(queue, nullptr), noErr);

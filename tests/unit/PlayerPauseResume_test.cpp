@@ -2,6 +2,7 @@
 // of a managing player during a client's pause and with no request (the plain interruption is the
 // end-to-end hold test's).
 #include "Audio/Platform/Application.h"
+#include "Audio/Platform/NotificationCenter.h"
 #include "unit/PlayerTestFixture.h"
 
 namespace {
