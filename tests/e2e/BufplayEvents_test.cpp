@@ -4,6 +4,7 @@
 // reports is checked, never their timing.
 #include <algorithm>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "e2e/BufplayProcess.h"
@@ -76,6 +77,12 @@ TEST_P(BufplayScript, ReportsWhatTheScriptDidInOrder) {
   for (const std::string& expected : GetParam().expected) {
     next = std::find(next, keys.end(), expected);
     ASSERT_NE(next, keys.end()) << expected << " missing or out of order in\n" << outcome.out;
+  }
+  // A hold or its end is reported once, never again while it lasts.
+  for (const std::string& key : std::set<std::string>(keys.begin(), keys.end())) {
+    if (key.find("PlayerWas") != std::string::npos) {
+      EXPECT_LE(std::ranges::count(keys, key), std::ranges::count(GetParam().expected, key)) << key;
+    }
   }
   for (const std::string& absent : GetParam().absent) {
     EXPECT_EQ(std::find(keys.begin(), keys.end(), absent), keys.end()) << absent;

@@ -50,6 +50,7 @@ Application& Application::sharedApplication() {
 void Application::beginReceivingRemoteControlEvents() { append("beginReceivingRemoteControlEvents"); }
 void Application::endReceivingRemoteControlEvents() { append("endReceivingRemoteControlEvents"); }
 void Application::setInBackground(bool inBackground) { fake::world()->inBackground.store(inBackground); }
+bool Application::isInBackground() const { return fake::world()->inBackground.load(); }
 
 void NSLog(const char* format, ...) {
   va_list arguments;

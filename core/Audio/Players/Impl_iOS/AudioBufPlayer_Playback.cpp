@@ -1,6 +1,7 @@
 // Starting the output queue after a request's first buffer, and following its running state to the
 // end of the sentence. The queue's callbacks only post tasks; the tasks take playerStatusMutex and
 // ignore a queue that is no longer the current one.
+#include "Audio/Platform/Application.h"
 #include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/AudioSession.h"
 #include "Audio/Platform/Dispatch.h"
@@ -20,9 +21,10 @@ void AudioBufPlayer::beginPlaying() {
     while (hasStatus(PS_USER_PAUSED | PS_INTERRUPTED) && hasStatus(PS_ACTIVE)) {
       // The hold may have outlived the session use that listened for its end: a change of stream
       // format mid-sentence replaces the queue and closes its use. Listening again, the end can no
-      // longer pass by; if it already has, nothing else would lift the hold.
+      // longer pass by; if it already has, nothing else would lift the hold. A hold for the
+      // background is the client's to lift: retrying there would only be refused again, at once.
       if (hasStatus(PS_INTERRUPTED) && keepListeningForInterruptionEnd() &&
-          !AudioSession::sharedInstance().isInterrupted()) {
+          !AudioSession::sharedInstance().isInterrupted() && !Application::sharedApplication().isInBackground()) {
         liftHold(PS_INTERRUPTED);
         continue;
       }
