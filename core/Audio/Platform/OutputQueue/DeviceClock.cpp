@@ -28,7 +28,9 @@ void DeviceClock::add(ClockedDevice& device) {
 
 void DeviceClock::remove(ClockedDevice& device) {
   std::unique_lock<std::mutex> lock(mutex_);
-  devices_.erase(std::find(devices_.begin(), devices_.end(), &device));
+  if (const auto it = std::find(devices_.begin(), devices_.end(), &device); it != devices_.end()) {
+    devices_.erase(it);
+  }
   tickDone_.wait(lock, [&] { return busy_ != &device; });
 }
 
