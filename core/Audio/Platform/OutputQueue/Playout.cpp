@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstring>
 
 Playout::Playout(PcmRing& ring, uint32_t fadeFrames, RenderJob& job)
@@ -172,8 +171,11 @@ void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
   }
   ring_.read(out, frames);
   countHeard(frames, volume);
-  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume && volume == 1.0f) {
-    return;  // heard exactly as enqueued
+  if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume) {
+    if (volume != 1.0f) {
+      scaleSteadily(out, frames * ring_.channels(), volume);
+    }
+    return;  // at full level, heard exactly as enqueued
   }
   for (size_t frame = 0; frame < frames; ++frame) {
     envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
@@ -196,18 +198,29 @@ void Playout::fadeBeforeGap(int16_t* out, size_t frames, float volume) {
   envelope_ = 0;  // the frames after the gap fade in
 }
 
+namespace {
+// One sample at `level` (0 to 1), rounded half away from zero. A sample faded but not silenced
+// keeps its sign, one step at the least: an inaudible difference that keeps every fed sample apart
+// from the silence of a gap in a recording. Branch-free, so that loops over it vectorise.
+inline int16_t scaledSample(int16_t fed, float level) {
+  const float scaled = float(fed) * level;
+  const int32_t rounded = int32_t(scaled + (scaled < 0.0f ? -0.5f : 0.5f));
+  const int32_t sign = fed > 0 ? 1 : (fed < 0 ? -1 : 0);
+  return int16_t(std::clamp(rounded == 0 && level > 0.0f ? sign : rounded, -32768, 32767));
+}
+}  // namespace
+
 void Playout::scale(int16_t* frame, float envelope, float volume) {
   gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
   const float level = envelope * gain_;
   for (uint32_t channel = 0; channel < ring_.channels(); ++channel) {
-    const int16_t fed = frame[channel];
-    long scaled = std::clamp(std::lrint(float(fed) * level), -32768L, 32767L);
-    // A sample faded but not silenced keeps its sign, one step at the least: an inaudible
-    // difference that keeps every fed sample apart from the silence of a gap in a recording.
-    if (scaled == 0 && fed != 0 && level > 0.0f) {
-      scaled = fed > 0 ? 1 : -1;
-    }
-    frame[channel] = int16_t(scaled);
+    frame[channel] = scaledSample(frame[channel], level);
+  }
+}
+
+void Playout::scaleSteadily(int16_t* samples, size_t count, float level) {
+  for (size_t i = 0; i < count; ++i) {
+    samples[i] = scaledSample(samples[i], level);
   }
 }
 
