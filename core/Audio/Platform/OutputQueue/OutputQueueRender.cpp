@@ -129,14 +129,29 @@ void OutputQueue::advanceRenderCursor() {
 
 OutputQueue::WakeThresholds OutputQueue::wakeThresholds() const {
   WakeThresholds threshold;
-  if (rendered_ > 0) {
-    threshold.heard = entries_.front().end;  // the next entry to be heard in full
-  }
   // Above half full (the ring is full, or what was enqueued is in it), the next pass comes when the
   // ring has fallen to half; below, an enqueue asks for it.
   const uint64_t write = ring_.writePosition();
   if (write - ring_.readPosition() > ring_.capacity() / 2) {
     threshold.read = write - ring_.capacity() / 2;
+  }
+  // Every pass collects what has been heard by then. Besides, buffers come back in batches: a pass
+  // comes once a quarter of the buffers enqueued have been heard, so that a client waiting for them
+  // wakes once a batch, not once a buffer, and still gets them back while three quarters play. A
+  // drain's end stops the read position short of any later threshold, so it always asks.
+  const size_t buffers = size_t(std::count_if(entries_.begin(), entries_.end(), [](const Entry& entry) {
+    return entry.record != nullptr;
+  }));
+  const size_t batch = (buffers + 3) / 4;
+  size_t seen = 0;
+  for (size_t i = 0; i < rendered_; ++i) {
+    const Entry& entry = entries_[i];
+    const bool drainEnd = entry.record == nullptr && !entry.cancelled;
+    seen += entry.record != nullptr;
+    if (drainEnd || seen == batch || i + 1 == rendered_) {
+      threshold.heard = entry.end;
+      break;
+    }
   }
   return threshold;
 }
