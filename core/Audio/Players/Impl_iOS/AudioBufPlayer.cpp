@@ -74,6 +74,8 @@ AudioBufPlayer::AudioBufPlayer(std::optional<std::string> category, uint64_t opt
   playerStatus.store(PS_STOPPED);
   isListeningInterruptions = false;
   tmpAudioBuffer.reserve(kBufferByteSize);
+  playedBuffers.reserve(kNumberOfBuffers);
+  returningBuffers.reserve(kNumberOfBuffers);
   audioQueue = nullptr;
   audioFileStream = nullptr;
   _volume.store(0.5f);

@@ -1,6 +1,7 @@
 // The pool of queue buffers: the producer takes a free one for each packed buffer and waits while
 // all are in the queue; played buffers come back through a task on the global work queue.
 #include <cstring>
+#include <utility>
 
 #include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/Dispatch.h"
@@ -11,11 +12,27 @@
 void AudioQueueFillBuffersCallback(void* pSelf, AudioQueueRef inAQ, AudioQueueBufferRef inBuffer) {
   std::shared_ptr<AudioBufPlayer> player = AudioBufPlayer::fromClientData(pSelf);
   if (!player) return;
-  dispatch_async(dispatch_get_global_queue(0, 0), [player, inAQ, inBuffer] {
-    std::lock_guard lock(player->playerStatusMutex);
-    player->AudioQueue_releasedBuffer(inAQ, inBuffer);
-  });
+  if (player->notePlayedBuffer(inAQ, inBuffer)) {
+    dispatch_async(dispatch_get_global_queue(0, 0), [player] { player->returnPlayedBuffers(); });
+  }
   player->outputPlayProgress(inAQ);
+}
+
+bool AudioBufPlayer::notePlayedBuffer(AudioQueueRef queue, AudioQueueBufferRef buffer) {
+  std::lock_guard lock(playedBuffersMutex);
+  playedBuffers.emplace_back(queue, buffer);
+  return !std::exchange(playedBuffersTaskPosted, true);
+}
+
+void AudioBufPlayer::returnPlayedBuffers() {
+  std::lock_guard lock(playerStatusMutex);
+  {
+    std::lock_guard played(playedBuffersMutex);
+    returningBuffers.swap(playedBuffers);
+    playedBuffersTaskPosted = false;
+  }
+  for (const auto& [queue, buffer] : returningBuffers) AudioQueue_releasedBuffer(queue, buffer);
+  returningBuffers.clear();
 }
 
 void AudioBufPlayer::enqueData(std::span<const uint8_t> audioData, const AudioStreamPacketDescription* withDescriptions,
