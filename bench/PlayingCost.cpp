@@ -1,9 +1,11 @@
 // Playing cost: CPU seconds of the whole process per second of audio while one player plays about a
 // minute of audio on the null device run 20 times faster than real time (200 ms of audio per 10 ms
-// period), fed in chunks as a speech engine would. For MP3 the same bytes are decoded by `mpg123 -q -s FILE > /dev/null` in the same
-// run, and the ratio of the two is shown. Each figure is the least of three runs: other work on the
-// machine only ever adds CPU time. Beside it, the context switches of the process per second of
-// audio in that run (every wake-up of a thread is one), and for PCM also at real time, over 9.6 s.
+// period), fed in chunks as a speech engine would. For MP3 the same bytes are decoded by
+// `mpg123 -q -s FILE > /dev/null` in the same run, and the ratio of the two is shown, also without
+// the null output's clock thread, which does what a sound card and its server would do. Each figure
+// is the least of three runs: other work on the machine only ever adds CPU time. Beside it, the
+// context switches of the process per second of audio in that run (every wake-up of a thread is
+// one), and for PCM also at real time, over 9.6 s.
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,12 +23,15 @@ namespace {
 
 constexpr double kSpeed = 20.0;
 constexpr int kRuns = 3;
+// The thread that stands in for the sound card's clock on the null output.
+constexpr const char* kClockThread = "audio-clock";
 
 // What playing a sentence cost: CPU seconds and context switches per second of audio; cpu is
 // negative when the sentence did not play out.
 struct Cost {
   double cpu = -1.0;
   double switches = 0.0;
+  double clock = 0.0;  // of cpu, what the null output's clock thread spent (a sound card's work)
 };
 
 // The cheapest of kRuns results of `measure`, failed runs left out (at 20 times real time a busy
@@ -55,10 +60,12 @@ Cost PlayerCostPerAudioSecond(const std::vector<uint8_t>& audio, const LoopedSen
   AudioOutputSelect("null", speed);
   BenchPlayer bench;
   const double cpuBefore = ProcessCpuSeconds(), switchesBefore = ProcessContextSwitches();
+  const double clockBefore = ThreadsCpuSeconds(kClockThread);
   const bool played =
       bench.playSentence(audio, sentence.format, sentence.chunkBytes, std::chrono::duration<double>(seconds));
   const double cpu = ProcessCpuSeconds() - cpuBefore, switches = ProcessContextSwitches() - switchesBefore;
-  return played ? Cost{cpu / seconds, switches / seconds} : Cost{};
+  const double clock = ThreadsCpuSeconds(kClockThread) - clockBefore;
+  return played ? Cost{cpu / seconds, switches / seconds, clock / seconds} : Cost{};
 }
 
 // CPU seconds per audio second of mpg123 decoding the same bytes; negative when it failed.
@@ -95,13 +102,16 @@ void MeasurePlayingCost() {
       continue;
     }
     std::string figure = Format("%.2f ms CPU per s of audio", player.cpu * 1e3) +
+                         Format(" (%.2f ms the null output's clock)", player.clock * 1e3) +
                          Format(", %.0f context switches per s of audio", player.switches);
     if (sentence.format != EAudioPlayerAudioFormat_MP3) {
       PrintRow(measure, figure, "");
       continue;
     }
     const Cost mpg123 = LeastOfRuns([&] { return Mpg123CostPerAudioSecond(audio, seconds); });
-    figure += mpg123.cpu > 0 ? Format("; mpg123 %.2f ms", mpg123.cpu * 1e3) + Format("; ratio %.2fx", player.cpu / mpg123.cpu)
+    figure += mpg123.cpu > 0 ? Format("; mpg123 %.2f ms", mpg123.cpu * 1e3) +
+                                   Format("; ratio %.2fx", player.cpu / mpg123.cpu) +
+                                   Format(", %.2fx without the clock", (player.cpu - player.clock) / mpg123.cpu)
                              : "; mpg123 failed";
     PrintRow(measure, figure, "<= 1.2x mpg123");
   }
@@ -111,6 +121,7 @@ void MeasurePlayingCost() {
   PrintRow(Format("Playing cost, %.1f s of ", pcm.fileSeconds * loops) + pcm.label + ", real time",
            realTime.cpu < 0 ? std::string("failed: the sentence did not play out")
                             : Format("%.2f ms CPU per s of audio", realTime.cpu * 1e3) +
+                                  Format(" (%.2f ms the null output's clock)", realTime.clock * 1e3) +
                                   Format(", %.0f context switches per s of audio", realTime.switches),
            "");
 }

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 namespace {
 double CpuSeconds(int who) {
@@ -23,6 +25,21 @@ double WallSeconds() {
 double ProcessCpuSeconds() { return CpuSeconds(RUSAGE_SELF); }
 
 double ChildrenCpuSeconds() { return CpuSeconds(RUSAGE_CHILDREN); }
+
+double ThreadsCpuSeconds(const std::string& name) {
+  double milliseconds = 0.0;
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    std::string comm;
+    std::getline(std::ifstream(task.path() / "comm"), comm);
+    if (comm != name) continue;
+    std::ifstream sched(task.path() / "sched");
+    for (std::string line; std::getline(sched, line);) {
+      if (line.rfind("se.sum_exec_runtime", 0) == 0) milliseconds += std::stod(line.substr(line.find(':') + 1));
+    }
+  }
+  return milliseconds / 1e3;
+}
 
 double ProcessContextSwitches() {
   rusage usage{};

@@ -2,6 +2,8 @@
 // still be waiting for work while the process exits, so nothing they touch may be torn down.
 #include "Audio/Platform/Dispatch.h"
 
+#include <pthread.h>
+
 #include <chrono>
 #include <cstdint>
 #include <condition_variable>
@@ -106,6 +108,9 @@ class ConcurrentQueue final : public DispatchQueue {
   }
 
   void work() {
+    // Named, so that a profile tells these threads from the render threads they may have been
+    // started by (a thread inherits its creator's name).
+    pthread_setname_np(pthread_self(), "work-queue");
     std::unique_lock lock(mutex_);
     --starting_;
     for (;;) {
@@ -126,6 +131,7 @@ class ConcurrentQueue final : public DispatchQueue {
   }
 
   void monitor() {
+    pthread_setname_np(pthread_self(), "work-monitor");
     std::unique_lock lock(mutex_);
     for (;;) {
       monitorWakeup_.wait(lock, [this] { return monitorArmed_; });
@@ -171,6 +177,7 @@ class SerialQueue final : public DispatchQueue {
 
  private:
   void work() {
+    pthread_setname_np(pthread_self(), "main-queue");
     std::unique_lock lock(mutex_);
     for (;;) {
       wakeup_.wait(lock, [this] { return !tasks_.empty(); });
