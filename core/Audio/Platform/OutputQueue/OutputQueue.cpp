@@ -15,11 +15,12 @@
 #include "Audio/Platform/OutputQueue/RenderEngine.h"
 
 namespace {
-// Room for the render pass to be late: half a second of audio, and at least this many periods of
-// the sound output. A pass fills the ring and the next comes when it is half empty, so that a
-// queue's render thread wakes about four times a second of audio, not once a period.
-constexpr uint32_t kRingMilliseconds = 500;
-constexpr size_t kRingPeriods = 4;
+// Room for the render pass to be late: a second of audio, and at least this many periods of the
+// sound output. A pass fills the ring and the next comes when it has fallen to its low-water mark
+// (lowWaterFrames), so that a queue's render thread wakes a few times a second of audio, not once
+// a period or once a buffer.
+constexpr uint32_t kRingMilliseconds = 1000;
+constexpr size_t kRingPeriods = 8;
 // Pauses and immediate stops fade out over this long, resumes fade in.
 constexpr uint32_t kFadeMilliseconds = 5;
 // Limits that keep a misbehaving client from growing a queue without end.
@@ -153,9 +154,9 @@ OSStatus OutputQueue::enqueue(AudioQueueBufferRef buffer, uint32_t packetCount,
   record.byteSize = size;
   record.enqueued = true;
   // A pass busy with earlier buffers finds this one when the ring has room for it, and so does the
-  // pass that comes when the ring falls to half: asking for a pass for every buffer would double
-  // the wake-ups of a producer that keeps ahead.
-  if (renderWantsEntries_ && ring_.writePosition() - ring_.readPosition() <= ring_.capacity() / 2) {
+  // pass that comes at the low-water mark: asking for a pass for every buffer would wake the render
+  // thread once a buffer.
+  if (renderWantsEntries_ && ring_.writePosition() - ring_.readPosition() <= lowWaterFrames()) {
     renderWantsEntries_ = false;
     requestRender();
   }
@@ -383,6 +384,14 @@ void OutputQueue::pushEvent(Event event) {
 void OutputQueue::requestRender() {
   ++renderRequests_;
   wantRender();
+}
+
+uint64_t OutputQueue::lowWaterFrames() const {
+  // With buffers left to render the ring is full and is refilled at half; with all of them in it,
+  // the audio ahead is what the client has enqueued, which may be less than half the ring for
+  // good, and it is refilled at a quarter, two periods at the least.
+  const uint64_t half = ring_.capacity() / 2;
+  return renderWantsEntries_ ? std::min(half, std::max(half / 2, uint64_t(2) * device_->periodFrames())) : half;
 }
 
 bool OutputQueue::settled() const {

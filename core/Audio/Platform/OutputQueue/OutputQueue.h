@@ -122,6 +122,8 @@ class OutputQueue final : public std::enable_shared_from_this<OutputQueue>, priv
   void stopNow();
   // Caller holds mutex_.
   bool deviceLost() const { return deviceLost_ || playout_.isLost(); }
+  // Caller holds mutex_: how far the ring may fall before a pass refills it.
+  uint64_t lowWaterFrames() const;
   // Caller holds mutex_: frames of the sound output to frames of the stream.
   uint64_t toStreamFrames(uint64_t outputFrames) const;
 

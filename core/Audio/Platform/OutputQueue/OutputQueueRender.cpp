@@ -129,11 +129,11 @@ void OutputQueue::advanceRenderCursor() {
 
 OutputQueue::WakeThresholds OutputQueue::wakeThresholds() const {
   WakeThresholds threshold;
-  // Above half full (the ring is full, or what was enqueued is in it), the next pass comes when the
-  // ring has fallen to half; below, an enqueue asks for it.
+  // Above the low-water mark the next pass comes when the ring has fallen to it; below, an enqueue
+  // asks for it.
   const uint64_t write = ring_.writePosition();
-  if (write - ring_.readPosition() > ring_.capacity() / 2) {
-    threshold.read = write - ring_.capacity() / 2;
+  if (write - ring_.readPosition() > lowWaterFrames()) {
+    threshold.read = write - lowWaterFrames();
   }
   // Every pass collects what has been heard by then. Besides, buffers come back in batches: a pass
   // comes once a quarter of the buffers enqueued have been heard, so that a client waiting for them
