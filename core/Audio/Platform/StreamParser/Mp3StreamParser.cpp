@@ -189,13 +189,17 @@ void Mp3StreamParser::TakeFrame(const SplitBytes& bytes, size_t position, const 
     }
   }
   if (position < bytes.keptSize()) {
-    // Kept frames precede every frame of the caller's bytes, so nothing is pending here.
-    AudioStreamPacketDescription description{0, 0, size};
-    packets_(clientData_, size, 1, bytes.Contiguous(position, size, straddling_.data()), &description);
+    Gather(bytes.Contiguous(position, size, straddling_.data()), size);
     return;
   }
   const uint8_t* frame = bytes.fresh() + (position - bytes.keptSize());
-  if (pendingCount_ == pending_.size() || (pendingCount_ > 0 && frame != pendingEnd_)) {
+  // The frames after a split one join it in the parser's copy while it has room, so that a caller
+  // feeding small chunks gets each chunk's frames in one callback rather than two.
+  if (gathering_ && pendingCount_ < pending_.size() && gathered_.size() - size_t(pendingEnd_ - pendingBegin_) >= size) {
+    Gather(frame, size);
+    return;
+  }
+  if (gathering_ || pendingCount_ == pending_.size() || (pendingCount_ > 0 && frame != pendingEnd_)) {
     FlushPackets();
   }
   if (pendingCount_ == 0) {
@@ -205,12 +209,26 @@ void Mp3StreamParser::TakeFrame(const SplitBytes& bytes, size_t position, const 
   pendingEnd_ = frame + size;
 }
 
+void Mp3StreamParser::Gather(const uint8_t* frame, uint32_t size) {
+  if (!gathering_ || pendingCount_ == pending_.size() || gathered_.size() - size_t(pendingEnd_ - pendingBegin_) < size) {
+    FlushPackets();
+  }
+  if (pendingCount_ == 0) {
+    gathering_ = true;
+    pendingBegin_ = pendingEnd_ = gathered_.data();
+  }
+  std::memcpy(gathered_.data() + (pendingEnd_ - pendingBegin_), frame, size);
+  pending_[pendingCount_++] = {pendingEnd_ - pendingBegin_, 0, size};
+  pendingEnd_ += size;
+}
+
 void Mp3StreamParser::FlushPackets() {
   if (pendingCount_ == 0) {
     return;
   }
   const auto count = uint32_t(pendingCount_);
   pendingCount_ = 0;
+  gathering_ = false;
   packets_(clientData_, uint32_t(pendingEnd_ - pendingBegin_), count, pendingBegin_, pending_.data());
 }
 

@@ -13,7 +13,8 @@
 //   failed: final; every later call fails with kAudioFileStreamError_InvalidFile.
 // The parser keeps at most one frame and the next header between calls, so its memory is fixed.
 // Frames lying wholly in the caller's bytes are delivered in place, several per callback; a frame
-// split across calls is delivered from the parser's own copy.
+// split across calls is delivered from the parser's own copy, together with the frames after it
+// as far as that copy has room.
 //
 // Threads: one thread at a time, the one feeding the stream; no locks. The callbacks run on that
 // thread inside Parse.
@@ -61,6 +62,8 @@ class Mp3StreamParser {
   static size_t SkipJunk(const SplitBytes& bytes, size_t from);
   void Lock(const Mp3FrameHeader& header);
   void TakeFrame(const SplitBytes& bytes, size_t position, const Mp3FrameHeader& header);
+  // Adds a frame to the pending ones in the parser's own copy.
+  void Gather(const uint8_t* frame, uint32_t size);
   void FlushPackets();
   void Keep(const SplitBytes& bytes, size_t from);
 
@@ -87,8 +90,11 @@ class Mp3StreamParser {
   // A frame that straddles the kept bytes and the caller's, made whole.
   std::array<uint8_t, kMp3MaxFrameBytes> straddling_;
 
-  // Frames in the caller's bytes not yet handed over: contiguous, from pendingBegin_ to pendingEnd_.
+  // Frames not yet handed over: contiguous, from pendingBegin_ to pendingEnd_, in the caller's bytes
+  // or (gathering_) in gathered_.
   std::array<AudioStreamPacketDescription, kMaxPacketsPerCallback> pending_;
+  std::array<uint8_t, 4 * kMp3MaxFrameBytes> gathered_;
+  bool gathering_ = false;
   size_t pendingCount_ = 0;
   const uint8_t* pendingBegin_ = nullptr;
   const uint8_t* pendingEnd_ = nullptr;
