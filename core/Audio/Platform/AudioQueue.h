@@ -21,8 +21,9 @@ struct AudioQueueBuffer {
 };
 
 // Called when the queue has finished with a buffer: for a played buffer, once its last frame has
-// been heard (the sound output's latency after the output took it). Runs as the queue's callbacks
-// do (see Threads above).
+// been heard (the sound output's latency after the output took it). Played buffers come back in
+// batches: about a quarter of those enqueued at a time, and whatever has been heard whenever the
+// queue renders ahead. Runs as the queue's callbacks do (see Threads above).
 typedef void (*AudioQueueOutputCallback)(void* inUserData, AudioQueueRef inAQ, AudioQueueBufferRef inBuffer);
 // Called, as the output callback is and in order with it, when a listened property (the running
 // state) changes.
