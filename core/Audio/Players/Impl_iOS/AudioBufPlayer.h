@@ -217,10 +217,10 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   void enqueData(std::span<const uint8_t> audioData, const AudioStreamPacketDescription* withDescriptions,
                  uint32_t packetNumber);
   void AudioQueue_releasedBuffer(AudioQueueRef inAQ, AudioQueueBufferRef inBuffer);
-  // The queue's callback thread: notes a played buffer; true when no task to return it is posted
-  // yet, and the caller is to post one.
+  // The queue's callback thread: notes a played buffer; true when no return of the noted buffers is
+  // under way yet, and the caller is to see to one.
   bool notePlayedBuffer(AudioQueueRef queue, AudioQueueBufferRef buffer);
-  // A task of the work queue: returns every buffer played so far to the pool.
+  // Returns every buffer played so far to the pool; caller holds playerStatusMutex.
   void returnPlayedBuffers();
   // Caller holds playerStatusMutex. Whether any slot holds a buffer that is free or will come back;
   // when none does, the request cannot go on and endRequestWithoutBuffers ends it.
@@ -264,13 +264,13 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   std::array<AudioQueueBufferRef, kNumberOfBuffers> audioQueueBuffer{};
   std::array<bool, kNumberOfBuffers> FreeAudioQueueBuffers{};
   size_t lostBufferSlots = 0;  // slots of the current queue whose enqueue failed
-  // Played buffers on their way back to the pool. The queue plays them back in batches; one task
-  // returns a whole batch, so that the producer waiting for them wakes once, not once a buffer.
+  // Played buffers on their way back to the pool. The queue plays them back in batches; they go
+  // back together, so that the producer waiting for them wakes once, not once a buffer.
   using PlayedBuffer = std::pair<AudioQueueRef, AudioQueueBufferRef>;
   std::mutex playedBuffersMutex;  // held for a few instructions, never while calling out
   std::vector<PlayedBuffer> playedBuffers;  // guarded by playedBuffersMutex
-  bool playedBuffersTaskPosted = false;     // guarded by playedBuffersMutex
-  std::vector<PlayedBuffer> returningBuffers;  // the task's own, under playerStatusMutex
+  bool playedBuffersReturning = false;     // guarded by playedBuffersMutex: their return is under way
+  std::vector<PlayedBuffer> returningBuffers;  // guarded by playerStatusMutex
   std::vector<uint8_t> tmpAudioBuffer;
   uint32_t descIndex = 0;
   std::array<AudioStreamPacketDescription, kMaxPacketDescriptions> packetDescs{};

@@ -8,12 +8,23 @@
 #include "Audio/Players/Impl_iOS/AudioBufPlayer.h"
 #include "Diagnostics/qen_log.h"
 
-// Runs on the output queue's callback thread; never blocks on playerStatusMutex.
+// Runs on the output queue's callback thread, which never holds playerStatusMutex and never waits
+// for it: when the lock is free (as it mostly is while the producer waits for this very buffer) the
+// buffers go back to the pool at once; otherwise a task of the work queue returns them, so that
+// this thread does not wait for the producer, nor wake a second thread when it need not.
 void AudioQueueFillBuffersCallback(void* pSelf, AudioQueueRef inAQ, AudioQueueBufferRef inBuffer) {
   std::shared_ptr<AudioBufPlayer> player = AudioBufPlayer::fromClientData(pSelf);
   if (!player) return;
   if (player->notePlayedBuffer(inAQ, inBuffer)) {
-    dispatch_async(dispatch_get_global_queue(0, 0), [player] { player->returnPlayedBuffers(); });
+    if (player->playerStatusMutex.try_lock()) {
+      std::lock_guard lock(player->playerStatusMutex, std::adopt_lock);
+      player->returnPlayedBuffers();
+    } else {
+      dispatch_async(dispatch_get_global_queue(0, 0), [player] {
+        std::lock_guard lock(player->playerStatusMutex);
+        player->returnPlayedBuffers();
+      });
+    }
   }
   player->outputPlayProgress(inAQ);
 }
@@ -21,15 +32,14 @@ void AudioQueueFillBuffersCallback(void* pSelf, AudioQueueRef inAQ, AudioQueueBu
 bool AudioBufPlayer::notePlayedBuffer(AudioQueueRef queue, AudioQueueBufferRef buffer) {
   std::lock_guard lock(playedBuffersMutex);
   playedBuffers.emplace_back(queue, buffer);
-  return !std::exchange(playedBuffersTaskPosted, true);
+  return !std::exchange(playedBuffersReturning, true);
 }
 
 void AudioBufPlayer::returnPlayedBuffers() {
-  std::lock_guard lock(playerStatusMutex);
   {
     std::lock_guard played(playedBuffersMutex);
     returningBuffers.swap(playedBuffers);
-    playedBuffersTaskPosted = false;
+    playedBuffersReturning = false;
   }
   for (const auto& [queue, buffer] : returningBuffers) AudioQueue_releasedBuffer(queue, buffer);
   returningBuffers.clear();
