@@ -46,6 +46,20 @@ constexpr auto kStall = std::chrono::seconds(10);
 std::atomic<uint64_t> progress{0};
 void Progress() { progress.fetch_add(1, std::memory_order_relaxed); }
 
+// Every player made: each must be destroyed by the end, and a stall report shows the status word
+// of those still alive, where a sentence that never ends shows.
+std::mutex playersMadeMutex;
+std::vector<std::weak_ptr<AudioBufPlayer>> playersMade;  // guarded by playersMadeMutex
+
+void PrintLivePlayers() {
+  std::lock_guard lock(playersMadeMutex);
+  for (size_t i = 0; i < playersMade.size(); ++i) {
+    if (const auto player = playersMade[i].lock()) {
+      std::fprintf(stderr, "stress: player %zu status 0x%04x\n", i, unsigned(AudioBufPlayerTestPeer(*player).status()));
+    }
+  }
+}
+
 // A deadlock or a sentence that never ends fails the run with every thread's stack, not a timeout.
 void WatchForStalls(std::stop_token stop) {
   std::mutex mutex;
@@ -60,6 +74,7 @@ void WatchForStalls(std::stop_token stop) {
     } else if (Clock::now() - lastMove > kStall) {
       std::fprintf(stderr, "\nstress: no progress for %lld s: deadlock or a sentence that never ends\n",
                    static_cast<long long>(kStall.count()));
+      PrintLivePlayers();
       const std::string gdb = "gdb -p " + std::to_string(getpid()) + " -batch -ex 'thread apply all bt' 1>&2";
       if (std::system(gdb.c_str()) != 0) std::fprintf(stderr, "stress: gdb could not print the threads' stacks\n");
       std::fflush(stderr);
@@ -209,7 +224,8 @@ class PlayerStress {
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
     EXPECT_TRUE(AudioQueueWaitForReleases(kTeardownSeconds));
     EXPECT_TRUE(dispatch_wait_until_idle(kTeardownSeconds));
-    EXPECT_TRUE(std::all_of(lifetimes_.begin(), lifetimes_.end(), [](auto& lifetime) { return lifetime.expired(); }))
+    std::lock_guard made(playersMadeMutex);
+    EXPECT_TRUE(std::all_of(playersMade.begin(), playersMade.end(), [](auto& player) { return player.expired(); }))
         << "a player was never destroyed";
   }
 
@@ -224,7 +240,8 @@ class PlayerStress {
       slot.player = AudioBufPlayer::initWithAudioSessionCategory("playback", 0, slot.managing);
       slot.player->start();
       slot.client = slot.player;
-      lifetimes_.push_back(slot.player->weak_from_this());
+      std::lock_guard made(playersMadeMutex);
+      playersMade.push_back(slot.player);
     }
   }
 
@@ -346,7 +363,6 @@ class PlayerStress {
   const uint64_t seed_;
   const std::vector<SentenceAudio> corpus_;
   std::array<Slot, kPlayers> slots_;
-  std::vector<std::weak_ptr<AudioBufPlayer>> lifetimes_;  // the players' own: each expires when it is destroyed
 };
 
 TEST(PlayerStress, RandomInterleavingsNeitherRaceNorHangNorLeakAndEverySentenceEnds) {
