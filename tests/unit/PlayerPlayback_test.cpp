@@ -95,8 +95,7 @@ TEST_F(PlayerTest, QueueLeftPlayingOutByAnEndedSentenceEndsNoOtherSentence) {
     SCOPED_TRACE(nextSentence ? "next sentence under way" : "no next sentence");
     startOver();
     // The next sentence's first chunk holds no frame yet (a tag, say): it opens no queue of its own.
-    fake::setParserBehaviour(
-        [](fake::ParseContext& parse) { return parse.call() == 1 ? noErr : parse.parseByDefault(); });
+    firstChunkHoldsNoFrame();
     ASSERT_EQ(play(testBytes(16000), kPCM16K), AudioBufPlayerError_OK);  // 0.5 s in four buffers
     fake::Queue first = fake::queue(1);
     first.setSampleTime(6000);  // 0.375 s played: the queue is told to stop after what it holds

@@ -115,6 +115,11 @@ class PlayerTest : public testing::Test {
   }
 
   AudioBufPlayerTestPeer peer() const { return AudioBufPlayerTestPeer(*player); }
+  // The first chunk parsed holds no frame (a tag, say), so the request opens no queue with it.
+  static void firstChunkHoldsNoFrame() {
+    fake::setParserBehaviour(
+        [](fake::ParseContext& parse) { return parse.call() == 1 ? noErr : parse.parseByDefault(); });
+  }
 
   AudioBufPlayerError play(std::span<const uint8_t> data, Format format, double offset = 0.0) {
     return player->playData(data, format, delegate, offset);

@@ -16,8 +16,7 @@ TEST_F(PlayerTransport, PauseBeforeTheFirstBufferHoldsTheProducerUntilResumeOrSt
     SCOPED_TRACE(resumes ? "resume" : "stop");
     startOver();
     // The format shows only in the second chunk: the pause comes while the request has no queue.
-    fake::setParserBehaviour(
-        [](fake::ParseContext& parse) { return parse.call() == 1 ? noErr : parse.parseByDefault(); });
+    firstChunkHoldsNoFrame();
     ASSERT_EQ(play(testBytes(100), kMP3), AudioBufPlayerError_OK);
     player->pause();
     auto producer = std::async(std::launch::async, [&] { return append(testBytes(836), kMP3); });

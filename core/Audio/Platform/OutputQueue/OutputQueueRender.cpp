@@ -132,8 +132,9 @@ OutputQueue::WakeThresholds OutputQueue::wakeThresholds() const {
   // Above the low-water mark the next pass comes when the ring has fallen to it; below, an enqueue
   // asks for it.
   const uint64_t write = ring_.writePosition();
-  if (write - ring_.readPosition() > lowWaterFrames()) {
-    threshold.read = write - lowWaterFrames();
+  const uint64_t lowWater = lowWaterFrames();
+  if (write - ring_.readPosition() > lowWater) {
+    threshold.read = write - lowWater;
   }
   // Every pass collects what has been heard by then. Besides, buffers come back in batches: a pass
   // comes once a quarter of the buffers enqueued have been heard, so that a client waiting for them

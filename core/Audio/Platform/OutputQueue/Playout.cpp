@@ -4,6 +4,25 @@
 #include <chrono>
 #include <cstring>
 
+namespace {
+// One sample at `level` (0 to 1), rounded half away from zero. A sample faded but not silenced
+// keeps its sign, one step at the least: an inaudible difference that keeps every fed sample apart
+// from the silence of a gap in a recording. Branch-free, so that loops over it vectorise.
+inline int16_t scaledSample(int16_t fed, float level) {
+  const float scaled = float(fed) * level;
+  const int32_t rounded = int32_t(scaled + (scaled < 0.0f ? -0.5f : 0.5f));
+  const int32_t sign = fed > 0 ? 1 : (fed < 0 ? -1 : 0);
+  return int16_t(std::clamp(rounded == 0 && level > 0.0f ? sign : rounded, -32768, 32767));
+}
+
+// `count` samples at a level that does not change.
+void scaleSteadily(int16_t* samples, size_t count, float level) {
+  for (size_t i = 0; i < count; ++i) {
+    samples[i] = scaledSample(samples[i], level);
+  }
+}
+}  // namespace
+
 Playout::Playout(PcmRing& ring, uint32_t fadeFrames, RenderJob& job)
     : ring_(ring),
       job_(job),
@@ -172,10 +191,11 @@ void Playout::play(int16_t* out, size_t frames, bool fadeIn, float volume) {
   ring_.read(out, frames);
   countHeard(frames, volume);
   if (fadeIn && envelope_ == fadeFrames_ && gain_ == volume) {
+    // No envelope and no gain ramp: at full volume heard exactly as enqueued.
     if (volume != 1.0f) {
       scaleSteadily(out, frames * ring_.channels(), volume);
     }
-    return;  // at full level, heard exactly as enqueued
+    return;
   }
   for (size_t frame = 0; frame < frames; ++frame) {
     envelope_ = fadeIn ? std::min(fadeFrames_, envelope_ + 1) : envelope_ - std::min(envelope_, 1u);
@@ -198,29 +218,12 @@ void Playout::fadeBeforeGap(int16_t* out, size_t frames, float volume) {
   envelope_ = 0;  // the frames after the gap fade in
 }
 
-namespace {
-// One sample at `level` (0 to 1), rounded half away from zero. A sample faded but not silenced
-// keeps its sign, one step at the least: an inaudible difference that keeps every fed sample apart
-// from the silence of a gap in a recording. Branch-free, so that loops over it vectorise.
-inline int16_t scaledSample(int16_t fed, float level) {
-  const float scaled = float(fed) * level;
-  const int32_t rounded = int32_t(scaled + (scaled < 0.0f ? -0.5f : 0.5f));
-  const int32_t sign = fed > 0 ? 1 : (fed < 0 ? -1 : 0);
-  return int16_t(std::clamp(rounded == 0 && level > 0.0f ? sign : rounded, -32768, 32767));
-}
-}  // namespace
 
 void Playout::scale(int16_t* frame, float envelope, float volume) {
   gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
   const float level = envelope * gain_;
   for (uint32_t channel = 0; channel < ring_.channels(); ++channel) {
     frame[channel] = scaledSample(frame[channel], level);
-  }
-}
-
-void Playout::scaleSteadily(int16_t* samples, size_t count, float level) {
-  for (size_t i = 0; i < count; ++i) {
-    samples[i] = scaledSample(samples[i], level);
   }
 }
 

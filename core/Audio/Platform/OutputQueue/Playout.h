@@ -88,8 +88,6 @@ class Playout final : public RenderSource {
   void fadeBeforeGap(int16_t* out, size_t frames, float volume);
   // Device thread: one frame at `envelope` (0 to 1) times the gain, stepping the gain to `volume`.
   void scale(int16_t* frame, float envelope, float volume);
-  // Device thread: `count` samples at a level that does not change, without the envelope.
-  static void scaleSteadily(int16_t* samples, size_t count, float level);
   // Device thread: `frames` frames taken from the ring; the first of a run sets the gain.
   void countHeard(size_t frames, float volume);
   // Device thread, at the end of a call: records where this call left the ring and publishes

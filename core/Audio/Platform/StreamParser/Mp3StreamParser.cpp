@@ -195,7 +195,7 @@ void Mp3StreamParser::TakeFrame(const SplitBytes& bytes, size_t position, const 
   const uint8_t* frame = bytes.fresh() + (position - bytes.keptSize());
   // The frames after a split one join it in the parser's copy while it has room, so that a caller
   // feeding small chunks gets each chunk's frames in one callback rather than two.
-  if (gathering_ && pendingCount_ < pending_.size() && gathered_.size() - size_t(pendingEnd_ - pendingBegin_) >= size) {
+  if (gathering_ && GatheredFits(size)) {
     Gather(frame, size);
     return;
   }
@@ -209,8 +209,12 @@ void Mp3StreamParser::TakeFrame(const SplitBytes& bytes, size_t position, const 
   pendingEnd_ = frame + size;
 }
 
+bool Mp3StreamParser::GatheredFits(uint32_t size) const {
+  return pendingCount_ < pending_.size() && gathered_.size() - size_t(pendingEnd_ - pendingBegin_) >= size;
+}
+
 void Mp3StreamParser::Gather(const uint8_t* frame, uint32_t size) {
-  if (!gathering_ || pendingCount_ == pending_.size() || gathered_.size() - size_t(pendingEnd_ - pendingBegin_) < size) {
+  if (!gathering_ || !GatheredFits(size)) {
     FlushPackets();
   }
   if (pendingCount_ == 0) {

@@ -62,6 +62,8 @@ class Mp3StreamParser {
   static size_t SkipJunk(const SplitBytes& bytes, size_t from);
   void Lock(const Mp3FrameHeader& header);
   void TakeFrame(const SplitBytes& bytes, size_t position, const Mp3FrameHeader& header);
+  // While gathering: whether one more frame of `size` bytes joins the pending ones.
+  bool GatheredFits(uint32_t size) const;
   // Adds a frame to the pending ones in the parser's own copy.
   void Gather(const uint8_t* frame, uint32_t size);
   void FlushPackets();

@@ -1,5 +1,5 @@
 // The pool of queue buffers: the producer takes a free one for each packed buffer and waits while
-// all are in the queue; played buffers come back through a task on the global work queue.
+// all are in the queue; played buffers come back a batch at a time (AudioQueueFillBuffersCallback).
 #include <cstring>
 #include <utility>
 
