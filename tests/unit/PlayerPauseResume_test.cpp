@@ -48,6 +48,24 @@ TEST_F(PlayerTest, RefusedOrFailedRestartKeepsTheQueuePausedAndOnlyAFailureIsRep
   }
 }
 
+// The queue had played out and stopped past the run-out point; a pause and a resume restarted it
+// before its stop was reported, so the report reads it running. Only a stop asked for after the
+// restart ends the sentence.
+TEST_F(PlayerTest, RestartPastTheRunOutPointAsksTheQueueToStopAgain) {
+  ASSERT_EQ(play(testBytes(16000), kPCM16K), AudioBufPlayerError_OK);  // 0.5 s in four buffers
+  fake::Queue queue = fake::lastQueue();
+  queue.setSampleTime(6000);  // 0.375 s played: past the run-out point
+  while (queue.playBack()) {
+  }
+  player->pause();
+  player->resume();
+  EXPECT_EQ(fake::calls("AudioQueueSt").back(), "AudioQueueStop q=1 immediate=0");
+  ASSERT_TRUE(queue.reportRunning(true));
+  ASSERT_TRUE(queue.reportRunning(false));
+  ASSERT_TRUE(delegate->waitFor("PlaybackFinished"));
+  EXPECT_EQ(eventsNamed(deliveredEvents(), "PlaybackFinished").size(), 1u);
+}
+
 // A sentence under way on a player that manages the session, so that it hears interruptions.
 class InterruptionTest : public PlayerTest {
  protected:
