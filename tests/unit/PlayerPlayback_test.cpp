@@ -56,6 +56,8 @@ TEST_F(PlayerTest, StoppedQueueEndsTheSentenceAndKeepsAManagedSessionUntilTheHol
       {"managed", true, [](AudioBufPlayer&) {}},
       {"not managed", false, [](AudioBufPlayer&) {}},
       {"paused: handled after the resume", false, [](AudioBufPlayer& p) { p.pause(); }},
+      {"paused: handled after a resume whose restart fails", false,
+       [](AudioBufPlayer& p) { p.pause(); fake::failCall("AudioQueueStart", kAudioQueueErr_DeviceFailed); }},
       {"running state unreadable", false,
        [](AudioBufPlayer&) { fake::failCall("AudioQueueGetProperty", kAudioQueueErr_InvalidQueue); }},
   };

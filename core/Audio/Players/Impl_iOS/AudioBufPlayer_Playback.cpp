@@ -94,7 +94,10 @@ bool AudioBufPlayer::keepListeningForInterruptionEnd() {
 
 // Running-state task; caller holds playerStatusMutex.
 void AudioBufPlayer::AudioQueue_newRunningState(AudioQueueRef inAQ, bool isRunning) {
-  while (hasStatus(PS_QUEUE_PAUSED)) waitForStatusChange();
+  // A change that comes during a pause is taken once the pause is lifted. A restart that fails
+  // leaves the queue paused, but a stopped queue plays nothing more (its sound output may be gone
+  // for good): waiting on would leave the sentence without an end.
+  while (hasStatus(PS_QUEUE_PAUSED) && hasStatus(PS_USER_PAUSED | PS_INTERRUPTED)) waitForStatusChange();
   // A queue left playing out by a request that has ended stops without a word: that request has had
   // its end, and the next one, which may keep the queue until its own opens, is not over.
   if (!isQueueOfRequestUnderWay(inAQ)) return;
