@@ -51,7 +51,7 @@ void AudioBufPlayer::resumeIfNeeded() {
       // Past the run-out point the queue was told to play out and stop. If it had done so before
       // the pause, this start runs it again with nothing left to play, and its stop's report may
       // read it running: asked again, the stop comes after this start and ends the sentence.
-      if (status & PS_ENDING) AudioQueueStop(audioQueue, false);
+      if (hasStatus(PS_ENDING)) AudioQueueStop(audioQueue, false);
       clearStatus(PS_QUEUE_PAUSED);
       broadcastStatusChange();
       NotifyDelegate_speechPlayerDidResumed();

@@ -40,8 +40,10 @@ void AudioBufPlayer::outputPlayProgress(AudioQueueRef queue) {
       // The request may have ended, or another begun, since the position was read; while this lock
       // is held, neither can happen.
       if (!pollMayActOn(queue)) return;
-      AudioQueueStop(queue, false);
+      // Set before the stop: a resume that restarts the queue after it played out sees the bit and
+      // asks for the stop again (resumeIfNeeded).
       setStatus(PS_ENDING);
+      AudioQueueStop(queue, false);
     }
     broadcastStatusChange();
     if (delegate) delegate->aboutToEnd(this);
