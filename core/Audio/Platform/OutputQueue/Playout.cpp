@@ -218,7 +218,6 @@ void Playout::fadeBeforeGap(int16_t* out, size_t frames, float volume) {
   envelope_ = 0;  // the frames after the gap fade in
 }
 
-
 void Playout::scale(int16_t* frame, float envelope, float volume) {
   gain_ = gain_ < volume ? std::min(volume, gain_ + step_) : std::max(volume, gain_ - step_);
   const float level = envelope * gain_;

@@ -269,7 +269,6 @@ class AUDIOBUFPLAYER_EXPORT AudioBufPlayer : public std::enable_shared_from_this
   using PlayedBuffer = std::pair<AudioQueueRef, AudioQueueBufferRef>;
   std::mutex playedBuffersMutex;  // held for a few instructions, never while calling out
   std::vector<PlayedBuffer> playedBuffers;  // guarded by playedBuffersMutex
-  bool playedBuffersReturning = false;     // guarded by playedBuffersMutex: their return is under way
   std::vector<PlayedBuffer> returningBuffers;  // guarded by playerStatusMutex
   std::vector<uint8_t> tmpAudioBuffer;
   uint32_t descIndex = 0;

@@ -1,7 +1,6 @@
 // The pool of queue buffers: the producer takes a free one for each packed buffer and waits while
 // all are in the queue; played buffers come back a batch at a time (AudioQueueFillBuffersCallback).
 #include <cstring>
-#include <utility>
 
 #include "Audio/Platform/AudioQueue.h"
 #include "Audio/Platform/Dispatch.h"
@@ -31,15 +30,17 @@ void AudioQueueFillBuffersCallback(void* pSelf, AudioQueueRef inAQ, AudioQueueBu
 
 bool AudioBufPlayer::notePlayedBuffer(AudioQueueRef queue, AudioQueueBufferRef buffer) {
   std::lock_guard lock(playedBuffersMutex);
+  // Noted buffers are there from the first note until a return takes them all: a note that finds
+  // none is the one to see to a return.
+  const bool first = playedBuffers.empty();
   playedBuffers.emplace_back(queue, buffer);
-  return !std::exchange(playedBuffersReturning, true);
+  return first;
 }
 
 void AudioBufPlayer::returnPlayedBuffers() {
   {
     std::lock_guard played(playedBuffersMutex);
     returningBuffers.swap(playedBuffers);
-    playedBuffersReturning = false;
   }
   for (const auto& [queue, buffer] : returningBuffers) AudioQueue_releasedBuffer(queue, buffer);
   returningBuffers.clear();
